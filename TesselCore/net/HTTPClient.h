@@ -1,0 +1,95 @@
+// The one HTTP transport. It never follows a redirect, keeps no cookies and no
+// cache, and remembers per URL path what went wrong last, so a screen can say
+// why uploads stall without the caller keeping score.
+#pragma once
+
+#include "async/Async.h"
+#include "errors/ErrorPresentation.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QSslCertificate>
+#include <QUrl>
+
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+class QNetworkAccessManager;
+
+namespace tessel {
+
+// A finished request as the caller builds it: the client adds nothing.
+struct HTTPRequest {
+    QUrl url;
+    QByteArray method = "GET";
+    std::vector<std::pair<QByteArray, QByteArray>> headers;
+    QByteArray body;
+    // Seconds without progress after which the request ends. The session's own
+    // limit applies when it is shorter.
+    double timeout = 60;
+
+    void setHeader(const QByteArray& name, const QByteArray& value);
+};
+
+struct HTTPResponse {
+    QByteArray body;
+    int status = 0;
+};
+
+// Owns the network manager. Lives on the main thread; every client copy keeps it
+// alive, so a reply never outlives its manager.
+class HTTPSession {
+public:
+    struct Options {
+        double inactivitySeconds = 30; // no byte moved for this long ends a request
+        double totalSeconds = 90;      // no request lasts longer than this
+        QList<QSslCertificate> extraCertificates; // trusted besides the system's
+    };
+
+    HTTPSession();
+    explicit HTTPSession(Options options);
+    ~HTTPSession();
+    HTTPSession(const HTTPSession&) = delete;
+    HTTPSession& operator=(const HTTPSession&) = delete;
+
+    QNetworkAccessManager& manager() const { return *manager_; }
+    const Options& options() const { return options_; }
+
+private:
+    Options options_;
+    std::unique_ptr<QNetworkAccessManager> manager_;
+};
+
+class HTTPDiagnostics;
+
+// A small value; copies share the session and the failure memory.
+class HTTPClient {
+public:
+    HTTPClient();
+    explicit HTTPClient(std::shared_ptr<HTTPSession> session);
+
+    // A client on the same session whose failures stay until `clearFailures()`,
+    // a newer failure of the same path, or the bound of 16 paths removes them.
+    HTTPClient withRetainedFailures() const;
+
+    // Bytes and status of any HTTP answer; throws on transport failures and
+    // `Cancelled` when the token ends the request.
+    Task<HTTPResponse> send(HTTPRequest request, CancellationToken token = {}) const;
+    // Bytes of a 2xx answer; `HTTPFailure` for any other status.
+    Task<QByteArray> checked(HTTPRequest request, CancellationToken token = {}) const;
+
+    std::optional<ErrorPresentation> latestFailure() const;
+    void clearFailures() const;
+
+    const std::shared_ptr<HTTPSession>& session() const { return session_; }
+
+private:
+    HTTPClient(std::shared_ptr<HTTPSession> session, std::shared_ptr<HTTPDiagnostics> diagnostics);
+
+    std::shared_ptr<HTTPSession> session_;
+    std::shared_ptr<HTTPDiagnostics> diagnostics_;
+};
+
+} // namespace tessel

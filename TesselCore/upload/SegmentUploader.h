@@ -1,0 +1,27 @@
+// Carries one segment to storage: presign at the meet server, PUT to the
+// presigned URL, confirm. Quick retries across short outages; the patient
+// retrying belongs to the queue above.
+#pragma once
+
+#include "capture/MeetAPI.h"
+#include "upload/AudioSegment.h"
+
+namespace tessel {
+
+class SegmentUploader {
+public:
+    static constexpr int attempts = 3;
+
+    SegmentUploader(MeetAPI api, QString meeting, QString recording, SleepFunction sleep);
+
+    // Returns when the server has the segment; throws what ended the attempts.
+    Task<void> upload(AudioSegment segment, CancellationToken token = {}) const;
+
+private:
+    MeetAPI api_;
+    QString meeting_;
+    QString recording_;
+    SleepFunction sleep_;
+};
+
+} // namespace tessel

@@ -1,0 +1,85 @@
+#include "Entry.h"
+
+#include "CaptureCLI.h"
+#include "TrayApp.h"
+
+#include "async/Async.h"
+#include "errors/Failures.h"
+
+#include <QCoreApplication>
+#include <QStringList>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace tessel::app {
+
+QString Entry::usageText() {
+    return QStringList{
+        QStringLiteral("VelmoraTessel                        Open the menu-bar app"),
+        QStringLiteral("VelmoraTessel capture --base-url URL --token MEMBER_SESSION --title NAME "
+                       "--counterpart NAME --seconds 25 --project \"\""),
+        QString(),
+        QStringLiteral("capture acknowledges the disclosure on the operator's behalf. Say it to "
+                       "the participants first:"),
+        QStringLiteral("Heads-up: I'm taking notes on this call with a recorder on my side; say so "
+                       "if you'd rather I didn't."),
+        QStringLiteral("Use the signed .app executable so macOS can associate audio permissions "
+                       "with ai.velmora.tessel."),
+    }
+        .join(QLatin1Char('\n'));
+}
+
+namespace {
+
+void print(std::FILE* stream, const QString& text) {
+    const QByteArray utf8 = text.toUtf8();
+    std::fwrite(utf8.constData(), 1, static_cast<size_t>(utf8.size()), stream);
+    std::fputc('\n', stream);
+    std::fflush(stream);
+}
+
+Task<void> runCapture(QStringList arguments) {
+    int status = 0;
+    try {
+        co_await CaptureCLI::run(arguments);
+    } catch (const Failure& failure) {
+        print(stderr, QStringLiteral("Velmora Tessel: ") + failure.description());
+        status = 1;
+    } catch (const std::exception& error) {
+        print(stderr, QStringLiteral("Velmora Tessel: ") + QString::fromUtf8(error.what()));
+        status = 1;
+    }
+    std::fflush(stdout);
+    std::exit(status);
+}
+
+} // namespace
+
+int Entry::main(int argc, char** argv) {
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i) {
+        arguments << QString::fromLocal8Bit(argv[i]);
+    }
+
+    if (arguments.size() > 1 && arguments.at(1) == QLatin1String("capture")) {
+        QCoreApplication loop(argc, argv);
+        const QStringList rest = arguments.mid(2);
+        QMetaObject::invokeMethod(
+            &loop, [rest] { runCapture(rest); }, Qt::QueuedConnection);
+        return loop.exec();
+    }
+    for (const QString& argument : arguments) {
+        if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
+            print(stdout, usageText());
+            return 0;
+        }
+    }
+    if (arguments.size() >= 2) {
+        print(stderr, QStringLiteral("Unknown command — use --help or capture.\n") + usageText());
+        return 2;
+    }
+    return runTrayApp(argc, argv);
+}
+
+} // namespace tessel::app

@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs every Debian package the build, the tests and the demo need.
+# Runs without a terminal: nothing prompts. Uses sudo only when not root.
+set -euo pipefail
+
+packages=(
+  build-essential g++ cmake ninja-build pkg-config clang-format
+  qt6-base-dev qcoro-qt6-dev nlohmann-json3-dev libcpp-httplib-dev libssl-dev
+  libavcodec-dev libavutil-dev libswresample-dev libpulse-dev
+  libsecret-1-dev libsystemd-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  ffmpeg pulseaudio pulseaudio-utils espeak-ng sox
+  dbus gnome-keyring curl ca-certificates openssl procps
+)
+
+sudo_cmd=()
+if [ "$(id -u)" -ne 0 ]; then sudo_cmd=(sudo -n); fi
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "setup: installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  "${sudo_cmd[@]}" apt-get update -q
+  "${sudo_cmd[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
+else
+  echo "setup: every package is present"
+fi

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test.
+#   scripts/test.sh              release build and the whole suite
+#   scripts/test.sh --sanitizers also the address+undefined and thread builds
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh
+
+run_preset() {
+  local preset=$1
+  echo "== $preset: configure and build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$(nproc)"
+  echo "== $preset: tests"
+  ctest --preset "$preset" -j "$(nproc)"
+}
+
+run_preset release
+if [ "${1:-}" = "--sanitizers" ]; then
+  run_preset asan
+  run_preset tsan
+fi

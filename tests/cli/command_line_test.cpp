@@ -1,0 +1,135 @@
+// The executable's two forms and the command form's checks, run as a person
+// would run them: the real binary, its output streams and its exit status.
+#include "CaptureCLI.h"
+#include "Entry.h"
+
+#include <QProcess>
+#include <gtest/gtest.h>
+
+using namespace tessel;
+using namespace tessel::app;
+
+namespace {
+
+struct Run {
+    int status;
+    QString out;
+    QString err;
+};
+
+Run runApp(const QStringList& arguments) {
+    QProcess process;
+    process.setProgram(QStringLiteral(TESSEL_APP_PATH));
+    process.setArguments(arguments);
+    process.start();
+    if (!process.waitForFinished(30000)) {
+        process.kill();
+        process.waitForFinished();
+        return {-1, {}, QStringLiteral("timed out")};
+    }
+    return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
+            QString::fromUtf8(process.readAllStandardError())};
+}
+
+const QString usage = Entry::usageText() + QLatin1Char('\n');
+const QString optionLine = QStringLiteral(
+    "Velmora Tessel: Unknown, repeated or incomplete capture option — use capture --help for the "
+    "supported options.\n");
+const QString requirementLine = QStringLiteral(
+    "Velmora Tessel: Capture requires a title, counterpart, member session and duration between 0 "
+    "and 7200 seconds — use capture --help.\n");
+const QString hostingLine = QStringLiteral(
+    "Velmora Tessel: Hosting requires a vses_ member session — sign in with the device code; "
+    "organisation API keys cannot host calls.\n");
+
+QStringList complete(const QString& seconds) {
+    return {QStringLiteral("capture"), QStringLiteral("--title"),   QStringLiteral("T"),
+            QStringLiteral("--counterpart"), QStringLiteral("C"),   QStringLiteral("--token"),
+            QStringLiteral("tok"),     QStringLiteral("--seconds"), seconds};
+}
+
+} // namespace
+
+TEST(Entry, UsageTextIsExact) {
+    const QStringList lines = Entry::usageText().split(QLatin1Char('\n'));
+    ASSERT_EQ(lines.size(), 6);
+    EXPECT_EQ(lines[0], QStringLiteral("VelmoraTessel") + QString(24, QLatin1Char(' ')) +
+                            QStringLiteral("Open the menu-bar app"));
+    EXPECT_TRUE(lines[1].endsWith(QStringLiteral("--seconds 25 --project \"\"")));
+    EXPECT_TRUE(lines[2].isEmpty());
+}
+
+TEST(Entry, HelpAndUnknownCommands) {
+    for (const QStringList& arguments :
+         {QStringList{"-h"}, QStringList{"--help"}, QStringList{"--help", "capture"},
+          QStringList{"capture", "--help"}, QStringList{"capture", "--title", "--help"}}) {
+        const Run run = runApp(arguments);
+        EXPECT_EQ(run.status, 0) << arguments.join(' ').toStdString();
+        EXPECT_EQ(run.out, usage);
+        EXPECT_EQ(run.err, "");
+    }
+    const Run unknown = runApp({"captures"});
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_EQ(unknown.out, "");
+    EXPECT_EQ(unknown.err, QStringLiteral("Unknown command — use --help or capture.\n") + usage);
+}
+
+TEST(CaptureCommand, OptionsThatAreUnknownRepeatedOrIncomplete) {
+    for (const QStringList& arguments : {
+             QStringList{"capture", "-h"},
+             QStringList{"capture", "--title", "A", "--title", "B"},
+             QStringList{"capture", "--title"},
+             QStringList{"capture", "--verbose", "x"},
+             QStringList{"capture", "--title", "A", "--counterpart"},
+         }) {
+        const Run run = runApp(arguments);
+        EXPECT_EQ(run.status, 1) << arguments.join(' ').toStdString();
+        EXPECT_EQ(run.err, optionLine) << arguments.join(' ').toStdString();
+    }
+}
+
+TEST(CaptureCommand, MissingValuesAndDurationsOutOfRange) {
+    EXPECT_EQ(runApp({"capture"}).err, requirementLine);
+    // "--counterpart" is read as the title's value; the counterpart is then missing.
+    EXPECT_EQ(runApp({"capture", "--title", "--counterpart"}).err, requirementLine);
+    for (const QString& seconds : {"0", "-1", "nan", "inf", "7201", " 5", "5s", "", "\t5"}) {
+        const Run run = runApp(complete(seconds));
+        EXPECT_EQ(run.status, 1) << seconds.toStdString();
+        EXPECT_EQ(run.err, requirementLine) << "seconds '" << seconds.toStdString() << "'";
+    }
+    QStringList badURL = complete("5");
+    badURL << "--base-url" << "http://exa mple.com/meet";
+    EXPECT_EQ(runApp(badURL).err, requirementLine);
+}
+
+TEST(CaptureCommand, TokenRuleAndAddressRule) {
+    // The title takes "--counterpart" as its value and reading goes on.
+    const Run odd = runApp({"capture", "--title", "--counterpart", "--counterpart", "X", "--token",
+                            "Y"});
+    EXPECT_EQ(odd.err, hostingLine);
+    EXPECT_EQ(odd.status, 1);
+
+    QStringList plainHTTP = complete("5");
+    plainHTTP.replace(plainHTTP.indexOf("tok"), "vses_abc");
+    plainHTTP << "--base-url" << "http://meet.example.com/meet";
+    const Run insecure = runApp(plainHTTP);
+    EXPECT_EQ(insecure.err, "Velmora Tessel: The organisation address is invalid — enter the "
+                            "secure meet address for your organisation.\n");
+    EXPECT_EQ(insecure.status, 1);
+}
+
+TEST(CaptureCommand, DurationsThatRun) {
+    for (const QString& seconds : {"7200", "0.5", "1e3", "25", "0x10"}) {
+        QStringList arguments = complete(seconds).mid(1);
+        arguments << "--base-url" << "http://127.0.0.1:9/meet";
+        EXPECT_NO_THROW(CaptureCLI::parse(arguments)) << seconds.toStdString();
+    }
+    EXPECT_EQ(CaptureCLI::parse(complete("1e3").mid(1)).seconds, 1000);
+    EXPECT_EQ(CaptureCLI::parseSeconds("7200.0000001"), 7200.0000001);
+    // Any token is fine on a loopback host, in every spelling of it.
+    for (const QString& host : {"localhost", "127.0.0.1", "[::1]"}) {
+        QStringList arguments = complete("5").mid(1);
+        arguments << "--base-url" << QStringLiteral("http://%1:8080/meet").arg(host);
+        EXPECT_NO_THROW(CaptureCLI::parse(arguments)) << host.toStdString();
+    }
+}

@@ -1,0 +1,263 @@
+// The queue with a scripted uploader and virtual time: order per channel,
+// independent back-off, the sign-in pause, the memory bound, flush and cancel.
+#include "support/FakeClock.h"
+#include "upload/UploadQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <map>
+
+using namespace tessel;
+using tessel::test::FakeClock;
+
+namespace {
+
+AudioSegment segment(AudioChannel channel, qint64 sequence, qsizetype size = 100) {
+    return AudioSegment{channel, sequence, QUuid::createUuid(), QByteArray(size, 'a')};
+}
+
+// An uploader whose every call does what the test said, and can be held in
+// flight until the test lets it go.
+class ScriptedUploads {
+public:
+    struct Call {
+        AudioChannel channel;
+        qint64 sequence;
+    };
+    std::vector<Call> calls;
+    std::map<AudioChannel, std::deque<std::exception_ptr>> failures;
+    std::map<AudioChannel, bool> holding;
+
+    void failNext(AudioChannel channel, std::exception_ptr error, int times = 1) {
+        for (int i = 0; i < times; ++i) {
+            failures[channel].push_back(error);
+        }
+    }
+    void release(AudioChannel channel) {
+        holding[channel] = false;
+        FakeClock::settle();
+    }
+
+    UploadQueue::Upload function() {
+        return [this](AudioSegment s, CancellationToken token) { return run(std::move(s), token); };
+    }
+
+private:
+    Task<void> run(AudioSegment s, CancellationToken token) {
+        calls.push_back({s.channel, s.sequence});
+        while (holding[s.channel]) {
+            co_await sleepFor(0.001, token);
+        }
+        auto& queue = failures[s.channel];
+        if (!queue.empty()) {
+            auto error = queue.front();
+            queue.pop_front();
+            std::rethrow_exception(error);
+        }
+    }
+};
+
+std::exception_ptr serverDown() {
+    return std::make_exception_ptr(HTTPFailure(503, QString(), QStringLiteral("/presign")));
+}
+std::exception_ptr refusedSignIn(int status = 401) {
+    return std::make_exception_ptr(HTTPFailure(status, QString(), QStringLiteral("/presign")));
+}
+
+class UploadQueueTest : public ::testing::Test {
+protected:
+    FakeClock clock;
+    ScriptedUploads uploads;
+    std::vector<HTTPFailure> told;
+    std::shared_ptr<UploadQueue> queue = UploadQueue::create(
+        uploads.function(), clock.sleepFunction(), clock.nowFunction(),
+        [this](HTTPFailure failure) -> Task<void> {
+            told.push_back(failure);
+            co_return;
+        });
+
+    std::vector<qint64> sequencesOf(AudioChannel channel) const {
+        std::vector<qint64> out;
+        for (const auto& call : uploads.calls) {
+            if (call.channel == channel) {
+                out.push_back(call.sequence);
+            }
+        }
+        return out;
+    }
+};
+
+} // namespace
+
+TEST_F(UploadQueueTest, UploadsEachChannelInOrderAndCountsConfirmations) {
+    for (qint64 i = 0; i < 3; ++i) {
+        queue->enqueue(segment(AudioChannel::local, i));
+    }
+    queue->enqueue(segment(AudioChannel::remote, 0));
+    queue->enqueue(segment(AudioChannel::remote, 1));
+    FakeClock::settle();
+    EXPECT_EQ(sequencesOf(AudioChannel::local), (std::vector<qint64>{0, 1, 2}));
+    EXPECT_EQ(sequencesOf(AudioChannel::remote), (std::vector<qint64>{0, 1}));
+    EXPECT_EQ(queue->status(), (UploadStatus{3, 2, 0, std::nullopt}));
+}
+
+TEST_F(UploadQueueTest, BackOffDoublesToThirtyAndOneSuccessResetsIt) {
+    uploads.failNext(AudioChannel::local, serverDown(), 6);
+    queue->enqueue(segment(AudioChannel::local, 0));
+    FakeClock::settle();
+    EXPECT_EQ(queue->status().error, "Uploads paused — retrying in 2s");
+    EXPECT_EQ(queue->status().pending, 1);
+
+    clock.advance(2 + 4 + 8 + 16 + 30 + 30);
+    EXPECT_EQ(clock.sleeps, (std::vector<double>{2, 4, 8, 16, 30, 30}));
+    EXPECT_EQ(queue->status().local, 1);
+    EXPECT_EQ(queue->status().error, "Uploads resumed") << "a success that ended a back-off";
+    clock.advance(5);
+    EXPECT_EQ(queue->status().error, std::nullopt);
+
+    // The series starts again from 2 after that success.
+    uploads.failNext(AudioChannel::local, serverDown());
+    queue->enqueue(segment(AudioChannel::local, 1));
+    FakeClock::settle();
+    EXPECT_EQ(clock.sleeps.back(), 2);
+    clock.advance(2);
+    EXPECT_EQ(queue->status().local, 2);
+}
+
+TEST_F(UploadQueueTest, FirstTrySuccessNeverShowsResumed) {
+    queue->enqueue(segment(AudioChannel::local, 0));
+    FakeClock::settle();
+    EXPECT_EQ(queue->status().error, std::nullopt);
+}
+
+TEST_F(UploadQueueTest, ChannelsBackOffIndependently) {
+    uploads.failNext(AudioChannel::local, serverDown());
+    queue->enqueue(segment(AudioChannel::local, 0));
+    FakeClock::settle();
+    ASSERT_EQ(uploads.calls.size(), 1u);
+
+    // A waiting channel isn't started by new segments; the other channel is.
+    queue->enqueue(segment(AudioChannel::local, 1));
+    queue->enqueue(segment(AudioChannel::remote, 0));
+    FakeClock::settle();
+    EXPECT_EQ(sequencesOf(AudioChannel::local), (std::vector<qint64>{0}));
+    EXPECT_EQ(sequencesOf(AudioChannel::remote), (std::vector<qint64>{0}));
+
+    clock.advance(2);
+    EXPECT_EQ(sequencesOf(AudioChannel::local), (std::vector<qint64>{0, 0, 1}));
+    EXPECT_EQ(queue->status(), (UploadStatus{2, 1, 0, QStringLiteral("Uploads resumed")}));
+}
+
+TEST_F(UploadQueueTest, StatusShowsTheSoonestRetryRoundedUp) {
+    uploads.failNext(AudioChannel::local, serverDown());
+    uploads.failNext(AudioChannel::remote, serverDown(), 4); // waits 2, 4, 8, then 16
+    queue->enqueue(segment(AudioChannel::remote, 0));
+    FakeClock::settle();
+    clock.advance(2 + 4 + 8, 0.5);
+    // remote is now due in 16; local fails now and is due in 2.
+    clock.now += 0.8;
+    queue->enqueue(segment(AudioChannel::local, 0));
+    FakeClock::settle();
+    clock.now += 0.8; // local due in 1.2
+    EXPECT_EQ(queue->status().error, "Uploads paused — retrying in 2s");
+    clock.now += 1.5; // late: never below zero
+    EXPECT_EQ(queue->status().error, "Uploads paused — retrying in 0s");
+}
+
+TEST_F(UploadQueueTest, MemoryBoundIsExactAndKeepsTheSegmentThatPassedIt) {
+    queue->pauseForSignIn(HTTPFailure(401, QString(), QStringLiteral("/")));
+    queue->enqueue(segment(AudioChannel::local, 0, UploadQueue::memoryLimit - 10));
+    queue->enqueue(segment(AudioChannel::remote, 0, 10)); // exactly at the limit
+    try {
+        queue->enqueue(segment(AudioChannel::remote, 1, 1));
+        FAIL() << "one byte over the limit must fail";
+    } catch (const TesselError& error) {
+        EXPECT_TRUE(error.message().startsWith("Audio uploads have filled the 64 MB memory buffer"));
+    }
+    EXPECT_EQ(queue->status().pending, 3);
+}
+
+TEST_F(UploadQueueTest, SignInRefusalPausesEverythingAndLosesNothing) {
+    uploads.holding[AudioChannel::remote] = true;
+    queue->enqueue(segment(AudioChannel::remote, 0));
+    FakeClock::settle();
+    uploads.failNext(AudioChannel::local, refusedSignIn(403));
+    queue->enqueue(segment(AudioChannel::local, 0));
+    queue->enqueue(segment(AudioChannel::local, 1));
+    FakeClock::settle();
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_EQ(told[0].status, 403);
+
+    // The remote upload in flight finishes and is confirmed, then its drain stops.
+    queue->enqueue(segment(AudioChannel::remote, 1));
+    uploads.release(AudioChannel::remote);
+    EXPECT_EQ(queue->status().remote, 1);
+    EXPECT_EQ(sequencesOf(AudioChannel::remote), (std::vector<qint64>{0}));
+    EXPECT_EQ(queue->status().pending, 3);
+
+    // flush during the pause throws the stored refusal, not the leftover text.
+    try {
+        QCoro::waitFor(queue->flush());
+        FAIL();
+    } catch (const HTTPFailure& failure) {
+        EXPECT_EQ(failure.status, 403);
+    }
+
+    QCoro::waitFor(queue->resumeAfterSignIn());
+    FakeClock::settle();
+    EXPECT_EQ(queue->status().pending, 3) << "resuming alone starts nothing";
+    queue->retryPending();
+    FakeClock::settle();
+    EXPECT_EQ(sequencesOf(AudioChannel::local), (std::vector<qint64>{0, 0, 1}));
+    EXPECT_EQ(queue->status(), (UploadStatus{2, 2, 0, std::nullopt}));
+}
+
+TEST_F(UploadQueueTest, BothDrainsMeetingARefusalTellTheOwnerTwice) {
+    uploads.holding[AudioChannel::local] = true;
+    uploads.holding[AudioChannel::remote] = true;
+    uploads.failNext(AudioChannel::local, refusedSignIn());
+    uploads.failNext(AudioChannel::remote, refusedSignIn());
+    queue->enqueue(segment(AudioChannel::local, 0));
+    queue->enqueue(segment(AudioChannel::remote, 0));
+    FakeClock::settle();
+    uploads.release(AudioChannel::local);
+    uploads.release(AudioChannel::remote);
+    EXPECT_EQ(told.size(), 2u);
+}
+
+TEST_F(UploadQueueTest, FlushMakesOneLastEffortAndReportsWhatIsLeft) {
+    QCoro::waitFor(queue->flush()); // nothing held: returns at once
+
+    uploads.failNext(AudioChannel::remote, serverDown(), 1);
+    uploads.failNext(AudioChannel::local,
+                     std::make_exception_ptr(TesselError(QStringLiteral("b local broke"))), 2);
+    queue->enqueue(segment(AudioChannel::local, 0));
+    queue->enqueue(segment(AudioChannel::remote, 0));
+    FakeClock::settle();
+    // flush skips the back-off waits; local fails again, remote goes up.
+    try {
+        QCoro::waitFor(queue->flush());
+        FAIL();
+    } catch (const TesselError& error) {
+        EXPECT_EQ(error.message(), "Some audio has not uploaded — keep this app open, restore the "
+                                   "connection and use Stop & write notes again. b local broke");
+    }
+    EXPECT_EQ(queue->status().remote, 1);
+    EXPECT_EQ(queue->status().pending, 1);
+    // The queue keeps working: a second flush gets it up.
+    QCoro::waitFor(queue->flush());
+    EXPECT_EQ(queue->status(), (UploadStatus{1, 1, 0, QStringLiteral("Uploads resumed")}));
+}
+
+TEST_F(UploadQueueTest, CancelGivesUpTheAudioAndRefusesMore) {
+    uploads.holding[AudioChannel::local] = true;
+    queue->enqueue(segment(AudioChannel::local, 0));
+    queue->enqueue(segment(AudioChannel::local, 1));
+    FakeClock::settle();
+    queue->cancel();
+    uploads.release(AudioChannel::local);
+    EXPECT_EQ(queue->status(), (UploadStatus{0, 0, 0, std::nullopt}));
+    EXPECT_THROW(queue->enqueue(segment(AudioChannel::local, 2)), Cancelled);
+    EXPECT_EQ(queue->status().pending, 0);
+}
