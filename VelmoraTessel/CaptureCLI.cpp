@@ -85,8 +85,7 @@ CaptureOptions CaptureCLI::parse(const QStringList& arguments) {
                           options.contains(QStringLiteral("--token"));
     const auto seconds =
         parseSeconds(options.value(QStringLiteral("--seconds"), QStringLiteral("25")));
-    const bool secondsOK =
-        seconds && std::isfinite(*seconds) && *seconds > 0 && *seconds <= 7200;
+    const bool secondsOK = seconds && std::isfinite(*seconds) && *seconds > 0 && *seconds <= 7200;
     const QUrl url(options.value(QStringLiteral("--base-url"), defaultBaseURL), QUrl::StrictMode);
     if (!complete || !secondsOK || !url.isValid()) {
         throw TesselError(requirementMessage);
@@ -122,7 +121,8 @@ Task<void> CaptureCLI::run(QStringList arguments, CaptureSession::MakeAudio make
     }
     const CaptureOptions options = parse(arguments);
     const QString token = options.token;
-    MeetAPI api(options.baseURL, [token] { return std::optional<QString>(token); }, HTTPClient());
+    MeetAPI api(
+        options.baseURL, [token] { return std::optional<QString>(token); }, HTTPClient());
     CaptureSession session(std::move(api), std::move(makeAudio), clock);
 
     printLine(u"Disclosure acknowledged for this capture: Heads-up: I'm taking notes on this call "
@@ -147,13 +147,15 @@ Task<void> CaptureCLI::run(QStringList arguments, CaptureSession::MakeAudio make
     const qint64 remote = session.uploads().remote;
     const qint64 needed = options.seconds >= 20 ? 2 : 1;
     if (local >= needed && remote >= needed) {
-        printLine(u"local: %1 segments, remote: %2 segments, uploaded, session ended"_s.arg(local).arg(
-            remote));
+        printLine(
+            u"local: %1 segments, remote: %2 segments, uploaded, session ended"_s.arg(local).arg(
+                remote));
         co_return;
     }
-    throw TesselError(u"Only local: %1, remote: %2 segments were captured — enable both audio "
-                      u"permissions and play the call on this Mac, then rerun the proof."_s.arg(local)
-                          .arg(remote));
+    throw TesselError(
+        u"Only local: %1, remote: %2 segments were captured — enable both audio "
+        u"permissions and play the call on this Mac, then rerun the proof."_s.arg(local)
+            .arg(remote));
 }
 
 } // namespace tessel::app

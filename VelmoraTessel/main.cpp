@@ -1,3 +1,5 @@
 #include "Entry.h"
 
-int main(int argc, char** argv) { return tessel::app::Entry::main(argc, argv); }
+int main(int argc, char** argv) {
+    return tessel::app::Entry::main(argc, argv);
+}

@@ -51,7 +51,9 @@ void CancellationToken::cancel() const {
     }
 }
 
-bool CancellationToken::isCancelled() const { return state_->cancelled.load(); }
+bool CancellationToken::isCancelled() const {
+    return state_->cancelled.load();
+}
 
 void CancellationToken::check() const {
     if (isCancelled()) {
@@ -67,7 +69,8 @@ CancellationToken::Registration CancellationToken::onCancel(QObject* context,
         if (!state_->cancelled.load()) {
             registration.state_ = state_;
             registration.id_ = state_->nextID++;
-            state_->entries.push_back({registration.id_, QPointer<QObject>(context), std::move(callback)});
+            state_->entries.push_back(
+                {registration.id_, QPointer<QObject>(context), std::move(callback)});
             return registration;
         }
     }
@@ -88,7 +91,9 @@ CancellationToken::Registration::operator=(Registration&& other) noexcept {
     return *this;
 }
 
-CancellationToken::Registration::~Registration() { reset(); }
+CancellationToken::Registration::~Registration() {
+    reset();
+}
 
 void CancellationToken::Registration::reset() {
     if (!state_) {
@@ -140,8 +145,8 @@ public:
                 s->finish(true);
             }
         });
-        const auto ms = std::chrono::milliseconds(
-            static_cast<qint64>(std::max(0.0, seconds_) * 1000.0 + 0.5));
+        const auto ms =
+            std::chrono::milliseconds(static_cast<qint64>(std::max(0.0, seconds_) * 1000.0 + 0.5));
         state_->timer->start(ms);
     }
 
@@ -204,8 +209,7 @@ struct FinishedAwaiter {
 
 // `self` keeps the task alive for as long as its work runs.
 Task<void> runBackground([[maybe_unused]] std::shared_ptr<BackgroundTask> self,
-                         BackgroundTask::Work work,
-                         CancellationToken token, bool* finished,
+                         BackgroundTask::Work work, CancellationToken token, bool* finished,
                          std::shared_ptr<BackgroundTask::Waiters> waiters) {
     try {
         co_await work(token);
@@ -239,6 +243,8 @@ Task<void> sleepFor(double seconds, CancellationToken token) {
     co_await SleepAwaiter(seconds, std::move(token));
 }
 
-void spawn(std::function<Task<void>()> work) { runDetached(std::move(work)); }
+void spawn(std::function<Task<void>()> work) {
+    runDetached(std::move(work));
+}
 
 } // namespace tessel

@@ -16,9 +16,9 @@
 
 #include "errors/Failures.h"
 
+#include <QCoroTask>
 #include <QObject>
 #include <QPointer>
-#include <QCoroTask>
 
 #include <functional>
 #include <memory>

@@ -15,7 +15,9 @@ struct CaptureEventStream::Shared {
 CaptureEventStream::CaptureEventStream() : shared_(std::make_shared<Shared>()) {}
 
 // A reader still waiting hears the end rather than waiting for ever.
-CaptureEventStream::~CaptureEventStream() { finish(); }
+CaptureEventStream::~CaptureEventStream() {
+    finish();
+}
 
 namespace {
 

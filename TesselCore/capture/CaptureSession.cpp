@@ -143,8 +143,7 @@ void CaptureSession::cancelMonitor() {
 Task<void> CaptureSession::start(QString title, QString counterpart, QString project,
                                  bool disclosureAcked) {
     if (state_ != CaptureState::idle) {
-        throw TesselError(
-            u"A call is already open — finish it before starting another call."_s);
+        throw TesselError(u"A call is already open — finish it before starting another call."_s);
     }
     if (!disclosureAcked) {
         throw TesselError(u"The disclosure has not been acknowledged — say the disclosure to the "
@@ -244,9 +243,8 @@ Task<void> CaptureSession::completeStart() {
         // The consumer starts before begin(), so no event is missed.
         auto queue = queue_;
         auto* audio = hardware_.get();
-        consumer_ = BackgroundTask::start([self, queue, audio](CancellationToken) {
-            return consume(self, queue, audio);
-        });
+        consumer_ = BackgroundTask::start(
+            [self, queue, audio](CancellationToken) { return consume(self, queue, audio); });
     }
     hardware_->begin();
     startPending_.reset();
@@ -462,7 +460,8 @@ Task<void> CaptureSession::stop() {
             throw Cancelled();
         }
         if (!owned) {
-            throw TesselError(error_.value_or(u"The recording changed — review it in the browser."_s));
+            throw TesselError(
+                error_.value_or(u"The recording changed — review it in the browser."_s));
         }
         auto queue = queue_;
         co_await queue->flush();

@@ -97,8 +97,8 @@ private:
     };
 
     Task<void> completeStart();
-    static Task<void> consume(QPointer<CaptureSession> session,
-                              std::shared_ptr<UploadQueue> queue, CaptureAudio* audio);
+    static Task<void> consume(QPointer<CaptureSession> session, std::shared_ptr<UploadQueue> queue,
+                              CaptureAudio* audio);
     static Task<void> monitorLoop(QPointer<CaptureSession> session, SleepFunction sleep,
                                   CancellationToken token);
     void handle(const CaptureEvent& event, UploadQueue& queue);

@@ -11,9 +11,9 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-const QString invalidAddress = QStringLiteral(
-    "The organisation address is invalid — enter the secure meet address for your "
-    "organisation.");
+const QString invalidAddress =
+    QStringLiteral("The organisation address is invalid — enter the secure meet address for your "
+                   "organisation.");
 const QString noticeMissing =
     u"The recording notice is missing — restore the server notice before starting."_s;
 
@@ -34,8 +34,8 @@ QUrl endpoint(const QUrl& base, const QString& path) {
 }
 
 std::optional<QDateTime> internetDate(const JSON& value) {
-    static const QRegularExpression form(QStringLiteral(
-        R"(^\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}(\.\d+)?(Z|[+-]\d{2}:\d{2})$)"));
+    static const QRegularExpression form(
+        QStringLiteral(R"(^\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}(\.\d+)?(Z|[+-]\d{2}:\d{2})$)"));
     const auto text = value.string();
     if (!text || !form.match(*text).hasMatch()) {
         return std::nullopt;
@@ -72,9 +72,9 @@ void MeetAPI::validateURL(const QUrl& url) {
 
 bool MeetAPI::isClosedStatus(const JSON& status) {
     const auto text = status.string();
-    return text && (*text == QLatin1String("ended") || *text == QLatin1String("processing") ||
-                    *text == QLatin1String("complete") ||
-                    *text == QLatin1String("complete_unrecorded"));
+    return text &&
+           (*text == QLatin1String("ended") || *text == QLatin1String("processing") ||
+            *text == QLatin1String("complete") || *text == QLatin1String("complete_unrecorded"));
 }
 
 Task<JSON> MeetAPI::call(QString path, QByteArray method, std::optional<JSON::Object> body,
@@ -169,16 +169,14 @@ Task<std::vector<OpenCall>> MeetAPI::liveTesselMeetings() const {
     const JSON answer = co_await api.call(QString(), methodGET);
     std::vector<OpenCall> calls;
     for (const JSON& meeting : answer["meetings"].array()) {
-        if (meeting["kind"].string() != u"tessel"_s ||
-            meeting["status"].string() != u"live"_s ||
+        if (meeting["kind"].string() != u"tessel"_s || meeting["status"].string() != u"live"_s ||
             meeting["is_host"].boolean() != true) {
             continue;
         }
         OpenCall call;
         call.id = meeting.requiredString(u"id"_s);
         call.title = meeting.requiredString(u"title"_s);
-        call.counterpart =
-            meeting["counterpart"].string().value_or(u"Unknown counterpart"_s);
+        call.counterpart = meeting["counterpart"].string().value_or(u"Unknown counterpart"_s);
         call.startedAt = internetDate(meeting["started_at"]);
         calls.push_back(std::move(call));
     }

@@ -1,7 +1,7 @@
 #include "errors/ErrorLog.h"
 
-#include <systemd/sd-journal.h>
 #include <sys/stat.h>
+#include <systemd/sd-journal.h>
 
 #include <cstdio>
 #include <mutex>
@@ -39,10 +39,10 @@ bool journalPresent() {
 void writeDefault(Level level, const char* category, const QString& text) {
     const QByteArray utf8 = text.toUtf8();
     if (journalPresent()) {
-        const int rc = sd_journal_send("MESSAGE=%s", utf8.constData(), "PRIORITY=%d",
-                                       priorityOf(level), "SYSLOG_IDENTIFIER=VelmoraTessel",
-                                       "TESSEL_SUBSYSTEM=%s", subsystem, "TESSEL_CATEGORY=%s",
-                                       category, nullptr);
+        const int rc =
+            sd_journal_send("MESSAGE=%s", utf8.constData(), "PRIORITY=%d", priorityOf(level),
+                            "SYSLOG_IDENTIFIER=VelmoraTessel", "TESSEL_SUBSYSTEM=%s", subsystem,
+                            "TESSEL_CATEGORY=%s", category, nullptr);
         if (rc >= 0) {
             return;
         }

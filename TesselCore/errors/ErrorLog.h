@@ -16,7 +16,9 @@ enum class Level { error, warning, info };
 void write(Level level, const char* category, const QString& text);
 
 // The technical line of a failure, at error level, category "errors".
-inline void error(const QString& text) { write(Level::error, "errors", text); }
+inline void error(const QString& text) {
+    write(Level::error, "errors", text);
+}
 
 // Tests replace where lines go; the guard puts the previous sink back.
 using Sink = std::function<void(Level, const char* category, const QString& text)>;

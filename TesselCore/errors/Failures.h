@@ -3,8 +3,8 @@
 // turns it into words once, through ErrorPresentation.
 #pragma once
 
-#include <QString>
 #include <QByteArray>
+#include <QString>
 #include <exception>
 
 namespace tessel {

@@ -3,6 +3,7 @@
 #include "errors/ErrorLog.h"
 #include "net/HTTPFailure.h"
 
+#include <QCoroNetworkReply>
 #include <QNetworkAccessManager>
 #include <QNetworkCookie>
 #include <QNetworkCookieJar>
@@ -10,7 +11,6 @@
 #include <QNetworkRequest>
 #include <QSslConfiguration>
 #include <QTimer>
-#include <QCoroNetworkReply>
 
 #include <mutex>
 
@@ -136,7 +136,9 @@ std::optional<ErrorPresentation> HTTPClient::latestFailure() const {
     return diagnostics_->latest();
 }
 
-void HTTPClient::clearFailures() const { diagnostics_->clear(); }
+void HTTPClient::clearFailures() const {
+    diagnostics_->clear();
+}
 
 Task<HTTPResponse> HTTPClient::send(HTTPRequest request, CancellationToken token) const {
     // Copies keep the manager and the memory alive for the whole exchange.
@@ -189,6 +191,7 @@ Task<HTTPResponse> HTTPClient::send(HTTPRequest request, CancellationToken token
     QObject::connect(reply.get(), &QNetworkReply::uploadProgress, idle, progress);
     QObject::connect(reply.get(), &QNetworkReply::downloadProgress, idle, progress);
     QObject::connect(reply.get(), &QNetworkReply::metaDataChanged, idle, progress);
+    QObject::connect(reply.get(), &QNetworkReply::readyRead, idle, progress);
     idle->start();
 
     auto* whole = new QTimer(reply.get());
@@ -217,16 +220,16 @@ Task<HTTPResponse> HTTPClient::send(HTTPRequest request, CancellationToken token
         networkError != QNetworkReply::NoError && networkError < QNetworkReply::ContentAccessDenied;
     if (*ending == Ending::timedOut || brokenExchange || !statusAttribute.isValid()) {
         if (*ending == Ending::timedOut) {
-            recordAndThrow(*diagnostics, path,
-                           URLError(QNetworkReply::TimeoutError,
-                                    QStringLiteral("The request timed out.")));
+            recordAndThrow(
+                *diagnostics, path,
+                URLError(QNetworkReply::TimeoutError, QStringLiteral("The request timed out.")));
         }
         if (networkError != QNetworkReply::NoError) {
             recordAndThrow(*diagnostics, path, URLError(networkError, reply->errorString()));
         }
-        recordAndThrow(*diagnostics, path,
-                       TesselError(QStringLiteral(
-                           "No HTTP response — check the server URL and retry.")));
+        recordAndThrow(
+            *diagnostics, path,
+            TesselError(QStringLiteral("No HTTP response — check the server URL and retry.")));
     }
 
     HTTPResponse response;

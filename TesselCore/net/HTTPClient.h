@@ -43,8 +43,8 @@ struct HTTPResponse {
 class HTTPSession {
 public:
     struct Options {
-        double inactivitySeconds = 30; // no byte moved for this long ends a request
-        double totalSeconds = 90;      // no request lasts longer than this
+        double inactivitySeconds = 30;            // no byte moved for this long ends a request
+        double totalSeconds = 90;                 // no request lasts longer than this
         QList<QSslCertificate> extraCertificates; // trusted besides the system's
     };
 

@@ -13,8 +13,7 @@ namespace tessel {
 enum class AudioChannel { local, remote };
 
 // Every loop over channels takes `local` first.
-inline constexpr std::array<AudioChannel, 2> allChannels{AudioChannel::local,
-                                                         AudioChannel::remote};
+inline constexpr std::array<AudioChannel, 2> allChannels{AudioChannel::local, AudioChannel::remote};
 
 // The wire form: the value sent to the server for a segment's track.
 inline QString wireName(AudioChannel channel) {
@@ -34,9 +33,9 @@ inline std::optional<AudioChannel> channelFromWire(const QString& text) {
 
 struct AudioSegment {
     AudioChannel channel = AudioChannel::local;
-    qint64 sequence = 0;  // 0, 1, 2, ... per track with no gaps
-    QUuid chunkUUID;      // made when the segment is cut; the same on every retry
-    QByteArray bytes;     // whole ADTS frames, at least one
+    qint64 sequence = 0; // 0, 1, 2, ... per track with no gaps
+    QUuid chunkUUID;     // made when the segment is cut; the same on every retry
+    QByteArray bytes;    // whole ADTS frames, at least one
 
     bool operator==(const AudioSegment&) const = default;
 

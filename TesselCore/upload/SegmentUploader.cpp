@@ -56,8 +56,8 @@ Task<void> SegmentUploader::upload(AudioSegment segment, CancellationToken token
     const double length = static_cast<double>(segment.bytes.size());
     // Built once: every attempt sends the same body and the same chunk id.
     const JSON::Object presignBody{
-        {u"recording_id"_s, self.recording_},     {u"kind"_s, wireName(segment.channel)},
-        {u"content_length"_s, length},            {u"chunk_uuid"_s, segment.chunkText()},
+        {u"recording_id"_s, self.recording_}, {u"kind"_s, wireName(segment.channel)},
+        {u"content_length"_s, length},        {u"chunk_uuid"_s, segment.chunkText()},
         {u"content_type"_s, u"audio/aac"_s},
     };
 
@@ -80,9 +80,8 @@ Task<void> SegmentUploader::upload(AudioSegment segment, CancellationToken token
             co_await self.api_.http().checked(std::move(put), token);
 
             JSON::Object completeBody{{u"segment_id"_s, segmentID}, {u"content_length"_s, length}};
-            const JSON completed = co_await self.api_.call(base + u"/segment-complete"_s,
-                                                           methodPOST, std::move(completeBody),
-                                                           token);
+            const JSON completed = co_await self.api_.call(
+                base + u"/segment-complete"_s, methodPOST, std::move(completeBody), token);
             if (completed[u"recording_state"_s].string() == u"stopped"_s) {
                 throw TesselError(u"The server stopped this recording — open the call in your "
                                   u"browser to review the saved audio."_s);

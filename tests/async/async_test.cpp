@@ -4,11 +4,13 @@
 #include "async/Async.h"
 #include "errors/ErrorLog.h"
 
+#include "support/Wait.h"
+#include <QCoreApplication>
 #include <QCoroTask>
 #include <QPointer>
-#include <QTimer>
-#include <QCoreApplication>
 #include <QThread>
+#include <QTimer>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -20,7 +22,7 @@ namespace {
 
 bool throwsCancelled(Task<void> task) {
     try {
-        QCoro::waitFor(std::move(task));
+        test::wait(std::move(task));
     } catch (const Cancelled&) {
         return true;
     }
@@ -49,7 +51,7 @@ public:
 
 TEST(Sleep, WaitsItsTimeAndEndsAtOnceWhenCancelled) {
     double started = monotonicNow();
-    QCoro::waitFor(sleepFor(0.05));
+    test::wait(sleepFor(0.05));
     EXPECT_GE(monotonicNow() - started, 0.045);
 
     CancellationToken token;
@@ -126,7 +128,7 @@ TEST(Spawn, CancellationIsQuietAndOtherFailuresAreLogged) {
         co_await sleepFor(0);
         throw TesselError(QStringLiteral("Nobody awaited this."));
     });
-    QCoro::waitFor(sleepFor(0.05));
+    test::wait(sleepFor(0.05));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0], "Nobody awaited this.");
 }
@@ -135,9 +137,9 @@ TEST(WeakHolding, TaskStopsWhenItsModelIsGone) {
     auto* ticker = new Ticker;
     int afterDeath = 0;
     ticker->loop(&afterDeath);
-    QCoro::waitFor(sleepFor(0.05));
+    test::wait(sleepFor(0.05));
     EXPECT_GT(ticker->ticks, 0);
     delete ticker;
-    QCoro::waitFor(sleepFor(0.05));
+    test::wait(sleepFor(0.05));
     EXPECT_EQ(afterDeath, 1) << "the loop notices once and ends";
 }

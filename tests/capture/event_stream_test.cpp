@@ -1,7 +1,9 @@
 // Events cross from producer threads to the main loop without loss or reordering.
 #include "capture/CaptureAudio.h"
 
+#include "support/Wait.h"
 #include <QCoroTask>
+
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -36,7 +38,7 @@ TEST(CaptureEventStream, TwoProducerThreadsKeepTheirOwnOrderAndLoseNothing) {
         stream.finish();
         stream.push(MeterReading{-1, false, false, false}); // after the end: dropped
     });
-    const auto seen = QCoro::waitFor(readAll(stream));
+    const auto seen = test::wait(readAll(stream));
     closer.join();
 
     ASSERT_EQ(seen.size(), 2u * perThread);
@@ -56,5 +58,5 @@ TEST(CaptureEventStream, ReaderWaitingWhenTheStreamDiesHearsTheEnd) {
     }(*stream);
     QCoreApplication::processEvents();
     stream.reset();
-    EXPECT_FALSE(QCoro::waitFor(std::move(reading)));
+    EXPECT_FALSE(test::wait(std::move(reading)));
 }

@@ -43,9 +43,9 @@ const QString hostingLine = QStringLiteral(
     "organisation API keys cannot host calls.\n");
 
 QStringList complete(const QString& seconds) {
-    return {QStringLiteral("capture"), QStringLiteral("--title"),   QStringLiteral("T"),
-            QStringLiteral("--counterpart"), QStringLiteral("C"),   QStringLiteral("--token"),
-            QStringLiteral("tok"),     QStringLiteral("--seconds"), seconds};
+    return {QStringLiteral("capture"),       QStringLiteral("--title"),   QStringLiteral("T"),
+            QStringLiteral("--counterpart"), QStringLiteral("C"),         QStringLiteral("--token"),
+            QStringLiteral("tok"),           QStringLiteral("--seconds"), seconds};
 }
 
 } // namespace
@@ -98,20 +98,22 @@ TEST(CaptureCommand, MissingValuesAndDurationsOutOfRange) {
         EXPECT_EQ(run.err, requirementLine) << "seconds '" << seconds.toStdString() << "'";
     }
     QStringList badURL = complete("5");
-    badURL << "--base-url" << "http://exa mple.com/meet";
+    badURL << "--base-url"
+           << "http://exa mple.com/meet";
     EXPECT_EQ(runApp(badURL).err, requirementLine);
 }
 
 TEST(CaptureCommand, TokenRuleAndAddressRule) {
     // The title takes "--counterpart" as its value and reading goes on.
-    const Run odd = runApp({"capture", "--title", "--counterpart", "--counterpart", "X", "--token",
-                            "Y"});
+    const Run odd =
+        runApp({"capture", "--title", "--counterpart", "--counterpart", "X", "--token", "Y"});
     EXPECT_EQ(odd.err, hostingLine);
     EXPECT_EQ(odd.status, 1);
 
     QStringList plainHTTP = complete("5");
     plainHTTP.replace(plainHTTP.indexOf("tok"), "vses_abc");
-    plainHTTP << "--base-url" << "http://meet.example.com/meet";
+    plainHTTP << "--base-url"
+              << "http://meet.example.com/meet";
     const Run insecure = runApp(plainHTTP);
     EXPECT_EQ(insecure.err, "Velmora Tessel: The organisation address is invalid — enter the "
                             "secure meet address for your organisation.\n");
@@ -121,7 +123,8 @@ TEST(CaptureCommand, TokenRuleAndAddressRule) {
 TEST(CaptureCommand, DurationsThatRun) {
     for (const QString& seconds : {"7200", "0.5", "1e3", "25", "0x10"}) {
         QStringList arguments = complete(seconds).mid(1);
-        arguments << "--base-url" << "http://127.0.0.1:9/meet";
+        arguments << "--base-url"
+                  << "http://127.0.0.1:9/meet";
         EXPECT_NO_THROW(CaptureCLI::parse(arguments)) << seconds.toStdString();
     }
     EXPECT_EQ(CaptureCLI::parse(complete("1e3").mid(1)).seconds, 1000);

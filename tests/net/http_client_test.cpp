@@ -3,11 +3,18 @@
 #include "net/HTTPClient.h"
 #include "net/HTTPFailure.h"
 
+#include "support/Wait.h"
 #include <QCoroTask>
 #include <QNetworkReply>
 #include <QTimer>
+
 #include <gtest/gtest.h>
 #include <httplib.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -53,14 +60,16 @@ public:
             res.set_content("late", "text/plain");
         });
         server_.Get("/dribble", [](const auto&, auto& res) {
-            res.set_chunked_content_provider("text/plain", [](size_t offset, httplib::DataSink& sink) {
-                std::this_thread::sleep_for(100ms);
-                sink.write("x", 1);
-                if (offset > 50) {
-                    sink.done();
-                }
-                return true;
-            });
+            // Not a text type, so the server doesn't gzip (and so buffer) the dribble.
+            res.set_chunked_content_provider("application/octet-stream",
+                                             [](size_t offset, httplib::DataSink& sink) {
+                                                 std::this_thread::sleep_for(100ms);
+                                                 sink.write("x", 1);
+                                                 if (offset > 50) {
+                                                     sink.done();
+                                                 }
+                                                 return true;
+                                             });
         });
         server_.Get("/cookie", [](const auto&, auto& res) {
             res.set_header("Set-Cookie", "kept=yes; Path=/");
@@ -76,7 +85,9 @@ public:
         });
         port_ = server_.bind_to_any_port("127.0.0.1");
         thread_ = std::thread([this] { server_.listen_after_bind(); });
-        server_.wait_until_ready();
+        while (!server_.is_running()) {
+            std::this_thread::sleep_for(1ms);
+        }
     }
 
     ~LoopbackServer() {
@@ -118,17 +129,8 @@ HTTPRequest get(const QUrl& url) {
     return request;
 }
 
-template <typename T> T wait(Task<T> task) { return QCoro::waitFor(std::move(task)); }
-
-// Runs a request to its end and returns what it threw, or nothing.
-std::exception_ptr failureOf(Task<HTTPResponse> task) {
-    try {
-        wait(std::move(task));
-    } catch (...) {
-        return std::current_exception();
-    }
-    return nullptr;
-}
+using test::failureOf;
+using test::wait;
 
 template <typename E> const E* as(const std::exception_ptr& error) {
     try {
@@ -155,8 +157,8 @@ TEST_F(HTTPClientTest, SendReturnsEveryStatusAndCheckedThrowsOutside2xx) {
     EXPECT_EQ(ok.status, 200);
     EXPECT_EQ(ok.body, "fine");
 
-    const QUrl refused =
-        server.url(R"(/status/422?body={"error":{"code":"invalid","message":"Title is required."}})");
+    const QUrl refused = server.url(
+        R"(/status/422?body={"error":{"code":"invalid","message":"Title is required."}})");
     const auto response = wait(client.send(get(refused)));
     EXPECT_EQ(response.status, 422);
 
@@ -194,7 +196,9 @@ TEST_F(HTTPClientTest, BodyThatIsNotUTF8IsUnreadable) {
 }
 
 TEST_F(HTTPClientTest, FailureMemoryIsPerPathAndForgetsOnSuccess) {
-    auto hit = [&](const char* name) { wait(client.send(get(server.url(QStringLiteral("/p/") + name)))); };
+    auto hit = [&](const char* name) {
+        wait(client.send(get(server.url(QStringLiteral("/p/") + name))));
+    };
     auto latestPath = [&]() -> QString {
         const auto latest = client.latestFailure();
         return latest ? latest->detailLine.section(QStringLiteral(" · "), -1) : QString();
@@ -272,11 +276,18 @@ TEST_F(HTTPClientTest, RequestGoesOutAsTheCallerBuiltIt) {
 }
 
 TEST(HTTPClientTransport, RefusedConnectionIsRecordedUnderItsPath) {
-    // Bind then close, so the port is known to be free of listeners.
+    // Bind then close a socket, so the port is known to have no listener.
     int port = 0;
     {
-        httplib::Server probe;
-        port = probe.bind_to_any_port("127.0.0.1");
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        socklen_t length = sizeof address;
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+        port = ntohs(address.sin_port);
+        ::close(fd);
     }
     HTTPClient client;
     const auto error =

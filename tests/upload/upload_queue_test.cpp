@@ -3,6 +3,9 @@
 #include "support/FakeClock.h"
 #include "upload/UploadQueue.h"
 
+#include "support/Wait.h"
+#include <QCoroTask>
+
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -36,6 +39,7 @@ public:
     }
     void release(AudioChannel channel) {
         holding[channel] = false;
+        test::wait(sleepFor(0.01)); // the held upload polls on a real 1 ms timer
         FakeClock::settle();
     }
 
@@ -70,12 +74,12 @@ protected:
     FakeClock clock;
     ScriptedUploads uploads;
     std::vector<HTTPFailure> told;
-    std::shared_ptr<UploadQueue> queue = UploadQueue::create(
-        uploads.function(), clock.sleepFunction(), clock.nowFunction(),
-        [this](HTTPFailure failure) -> Task<void> {
-            told.push_back(failure);
-            co_return;
-        });
+    std::shared_ptr<UploadQueue> queue =
+        UploadQueue::create(uploads.function(), clock.sleepFunction(), clock.nowFunction(),
+                            [this](HTTPFailure failure) -> Task<void> {
+                                told.push_back(failure);
+                                co_return;
+                            });
 
     std::vector<qint64> sequencesOf(AudioChannel channel) const {
         std::vector<qint64> out;
@@ -173,7 +177,8 @@ TEST_F(UploadQueueTest, MemoryBoundIsExactAndKeepsTheSegmentThatPassedIt) {
         queue->enqueue(segment(AudioChannel::remote, 1, 1));
         FAIL() << "one byte over the limit must fail";
     } catch (const TesselError& error) {
-        EXPECT_TRUE(error.message().startsWith("Audio uploads have filled the 64 MB memory buffer"));
+        EXPECT_TRUE(
+            error.message().startsWith("Audio uploads have filled the 64 MB memory buffer"));
     }
     EXPECT_EQ(queue->status().pending, 3);
 }
@@ -198,13 +203,13 @@ TEST_F(UploadQueueTest, SignInRefusalPausesEverythingAndLosesNothing) {
 
     // flush during the pause throws the stored refusal, not the leftover text.
     try {
-        QCoro::waitFor(queue->flush());
+        test::wait(queue->flush());
         FAIL();
     } catch (const HTTPFailure& failure) {
         EXPECT_EQ(failure.status, 403);
     }
 
-    QCoro::waitFor(queue->resumeAfterSignIn());
+    test::wait(queue->resumeAfterSignIn());
     FakeClock::settle();
     EXPECT_EQ(queue->status().pending, 3) << "resuming alone starts nothing";
     queue->retryPending();
@@ -227,7 +232,7 @@ TEST_F(UploadQueueTest, BothDrainsMeetingARefusalTellTheOwnerTwice) {
 }
 
 TEST_F(UploadQueueTest, FlushMakesOneLastEffortAndReportsWhatIsLeft) {
-    QCoro::waitFor(queue->flush()); // nothing held: returns at once
+    test::wait(queue->flush()); // nothing held: returns at once
 
     uploads.failNext(AudioChannel::remote, serverDown(), 1);
     uploads.failNext(AudioChannel::local,
@@ -237,7 +242,7 @@ TEST_F(UploadQueueTest, FlushMakesOneLastEffortAndReportsWhatIsLeft) {
     FakeClock::settle();
     // flush skips the back-off waits; local fails again, remote goes up.
     try {
-        QCoro::waitFor(queue->flush());
+        test::wait(queue->flush());
         FAIL();
     } catch (const TesselError& error) {
         EXPECT_EQ(error.message(), "Some audio has not uploaded — keep this app open, restore the "
@@ -246,7 +251,7 @@ TEST_F(UploadQueueTest, FlushMakesOneLastEffortAndReportsWhatIsLeft) {
     EXPECT_EQ(queue->status().remote, 1);
     EXPECT_EQ(queue->status().pending, 1);
     // The queue keeps working: a second flush gets it up.
-    QCoro::waitFor(queue->flush());
+    test::wait(queue->flush());
     EXPECT_EQ(queue->status(), (UploadStatus{1, 1, 0, QStringLiteral("Uploads resumed")}));
 }
 

@@ -1,0 +1,64 @@
+#include "errors/Failures.h"
+
+#include <mutex>
+
+using namespace Qt::StringLiterals;
+
+namespace tessel {
+
+namespace {
+// One failure may be rethrown on several threads; the cache is filled once under
+// this lock and never changed after, so the returned pointer stays valid.
+std::mutex whatMutex;
+} // namespace
+
+const char* Failure::what() const noexcept {
+    std::lock_guard lock(whatMutex);
+    if (whatCache_.isNull()) {
+        try {
+            whatCache_ = description().toUtf8();
+        } catch (...) {
+            // what() must not throw; an empty text is better than terminating.
+        }
+        if (whatCache_.isNull()) {
+            whatCache_ = QByteArray("");
+        }
+    }
+    return whatCache_.constData();
+}
+
+QString AudioCaptureError::description() const {
+    switch (kind_) {
+    case Kind::systemAudioStartFailed:
+        return u"System audio capture could not start: "_s + reason_ +
+               u" Open System Settings → Privacy & Security → Screen & System Audio Recording, "
+               u"enable Velmora Tessel under System Audio Recording, then quit and reopen the "
+               u"app."_s;
+    case Kind::microphonePermissionDenied:
+        break;
+    }
+    return u"Microphone permission was refused — open System Settings → Privacy & Security → "
+           u"Microphone, enable Velmora Tessel, then quit and reopen the app."_s;
+}
+
+QString AudioCaptureError::settingsButtonTitle() const {
+    switch (kind_) {
+    case Kind::systemAudioStartFailed:
+        return u"Open System Audio settings"_s;
+    case Kind::microphonePermissionDenied:
+        break;
+    }
+    return u"Open Microphone settings"_s;
+}
+
+QString AudioCaptureError::settingsURL() const {
+    switch (kind_) {
+    case Kind::systemAudioStartFailed:
+        return u"x-apple.systempreferences:com.apple.preference.security?Privacy_AudioCapture"_s;
+    case Kind::microphonePermissionDenied:
+        break;
+    }
+    return u"x-apple.systempreferences:com.apple.preference.security?Privacy_Microphone"_s;
+}
+
+} // namespace tessel
