@@ -199,7 +199,11 @@ struct BackgroundTask::Waiters {
 
 namespace {
 
+// Constructed, not brace-initialised: GCC 12 destroys an aggregate temporary in
+// a co_await operand twice.
 struct FinishedAwaiter {
+    FinishedAwaiter(const bool& f, std::shared_ptr<BackgroundTask::Waiters> w)
+        : finished(f), waiters(std::move(w)) {}
     const bool& finished;
     std::shared_ptr<BackgroundTask::Waiters> waiters;
     bool await_ready() const { return finished; }
@@ -236,7 +240,7 @@ std::shared_ptr<BackgroundTask> BackgroundTask::start(Work work) {
 Task<void> BackgroundTask::finished() {
     // Holds the task so the flag it reads stays alive while waiting.
     auto keep = shared_from_this();
-    co_await FinishedAwaiter{finished_, waiters_};
+    co_await FinishedAwaiter(finished_, waiters_);
 }
 
 Task<void> sleepFor(double seconds, CancellationToken token) {

@@ -57,7 +57,10 @@ void wake(const std::shared_ptr<CaptureEventStream::Shared>& shared,
     }
 }
 
+// Awaiters here have constructors on purpose: GCC 12 destroys a brace-initialised
+// aggregate in a co_await operand twice.
 struct NextAwaiter {
+    explicit NextAwaiter(std::shared_ptr<CaptureEventStream::Shared> s) : shared(std::move(s)) {}
     std::shared_ptr<CaptureEventStream::Shared> shared;
 
     bool await_ready() {
@@ -88,7 +91,7 @@ struct NextAwaiter {
 
 Task<std::optional<CaptureEvent>> CaptureEventStream::next() {
     auto shared = shared_; // the stream may be destroyed while the reader waits
-    co_return co_await NextAwaiter{std::move(shared)};
+    co_return co_await NextAwaiter(std::move(shared));
 }
 
 } // namespace tessel

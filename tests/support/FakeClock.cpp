@@ -28,7 +28,11 @@ struct FakeClock::Waiter {
 };
 
 namespace {
+// Constructed, not brace-initialised: GCC 12 destroys an aggregate temporary in
+// a co_await operand twice.
 struct WaiterAwaiter {
+    WaiterAwaiter(std::shared_ptr<void> k, bool* f, std::coroutine_handle<>* s)
+        : keep(std::move(k)), fired(f), slot(s) {}
     std::shared_ptr<void> keep;
     bool* fired;
     std::coroutine_handle<>* slot;
@@ -45,7 +49,7 @@ Task<void> FakeClock::sleep(double seconds, CancellationToken token) {
     waiter->at = now + seconds;
     waiters_.push_back(waiter);
     auto registration = token.onCancel(&context_, [waiter] { waiter->fire(true); });
-    co_await WaiterAwaiter{waiter, &waiter->fired, &waiter->handle};
+    co_await WaiterAwaiter(waiter, &waiter->fired, &waiter->handle);
     if (waiter->cancelled) {
         throw Cancelled();
     }

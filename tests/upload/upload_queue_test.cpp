@@ -81,6 +81,16 @@ protected:
                                 co_return;
                             });
 
+    // Nothing stays suspended past the test: waits still pending are cancelled.
+    void TearDown() override {
+        queue->cancel();
+        for (auto& [channel, held] : uploads.holding) {
+            held = false;
+        }
+        test::wait(sleepFor(0.01));
+        FakeClock::settle();
+    }
+
     std::vector<qint64> sequencesOf(AudioChannel channel) const {
         std::vector<qint64> out;
         for (const auto& call : uploads.calls) {
