@@ -1,0 +1,265 @@
+// A capture with a scripted audio source against the local server: the exact
+// conversation on each road, asserted on the server's own log of requests.
+#include "capture/CaptureSession.h"
+#include "net/HTTPFailure.h"
+#include "support/DevServer.h"
+#include "support/ScriptedAudio.h"
+#include "support/Wait.h"
+
+#include <QDir>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <memory>
+
+using namespace tessel;
+using namespace tessel::test;
+using nlohmann::json;
+
+namespace {
+
+// Time runs a hundred times faster: one monitor second is 10 ms.
+constexpr double speed = 100;
+CaptureClock fastClock() {
+    return CaptureClock{[] { return monotonicNow() * speed; },
+                        [](double seconds, CancellationToken token) {
+                            return sleepFor(seconds / speed, std::move(token));
+                        }};
+}
+
+// Spins the loop until the condition holds or a real-time deadline passes.
+bool eventually(const std::function<bool()>& condition, double seconds = 10) {
+    const double deadline = monotonicNow() + seconds;
+    while (!condition()) {
+        if (monotonicNow() > deadline) {
+            return false;
+        }
+        wait(sleepFor(0.005));
+    }
+    return true;
+}
+
+class CaptureSessionTest : public ::testing::Test {
+protected:
+    DevServer server;
+    std::shared_ptr<QString> token = std::make_shared<QString>(QStringLiteral("vses_first"));
+    std::shared_ptr<ScriptedAudioControl> audio = std::make_shared<ScriptedAudioControl>();
+    std::unique_ptr<CaptureSession> session = makeSession();
+
+    std::unique_ptr<CaptureSession> makeSession() {
+        auto current = token;
+        MeetAPI api(
+            QUrl(QString::fromStdString(server.meetBase())),
+            [current] { return std::optional<QString>(*current); }, HTTPClient());
+        return std::make_unique<CaptureSession>(std::move(api), ScriptedAudio::maker(audio),
+                                                fastClock());
+    }
+
+    void start() { wait(session->start("Weekly sync", "Acme", "", true)); }
+
+    // The routes of the meet requests the server received, in order.
+    std::vector<std::string> routes() {
+        std::vector<std::string> out;
+        for (const auto& entry : server.requestLog()) {
+            out.push_back(entry.value("route", ""));
+        }
+        return out;
+    }
+    std::vector<std::string> routesSince(size_t from) {
+        auto all = routes();
+        return {all.begin() + static_cast<long>(std::min(from, all.size())), all.end()};
+    }
+
+    void emitSegments(int perChannel) {
+        for (int i = 0; i < perChannel; ++i) {
+            audio->emitSegment(AudioChannel::local);
+            audio->emitSegment(AudioChannel::remote);
+        }
+    }
+    bool uploaded(qint64 local, qint64 remote) {
+        return eventually([&] {
+            session->refreshUploadStatus();
+            return session->uploads().local == local && session->uploads().remote == remote;
+        });
+    }
+    std::exception_ptr stopFailure() { return failureOf(session->stop()); }
+};
+
+using Routes = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(CaptureSessionTest, FirstStartAndStopHoldTheExactConversation) {
+    EXPECT_EQ(session->state(), CaptureState::idle);
+    start();
+    EXPECT_EQ(session->state(), CaptureState::listening);
+    EXPECT_EQ(audio->prepared, 1);
+    EXPECT_EQ(audio->begun, 1);
+    EXPECT_EQ(routes(), (Routes{"create", "consent", "start", "ack", "join", "request"}));
+
+    emitSegments(2);
+    ASSERT_TRUE(uploaded(2, 2));
+    const size_t beforeStop = routes().size();
+    wait(session->stop());
+    EXPECT_EQ(session->state(), CaptureState::finished);
+    EXPECT_FALSE(session->error());
+    EXPECT_EQ(routesSince(beforeStop), (Routes{"snapshot", "manifest", "stop", "end"}));
+
+    // Both tracks are on disk, in sequence, byte for byte as the source made them.
+    const QString meeting = *session->meetingID();
+    for (const char* track : {"audio_local", "audio_remote"}) {
+        const QDir dir(QString::fromStdString(server.dataDir()) + "/" + meeting + "/" + track);
+        EXPECT_EQ(dir.entryList({"*.aac"}, QDir::Files, QDir::Name),
+                  (QStringList{"000000.aac", "000001.aac"}))
+            << track;
+    }
+    EXPECT_FALSE(session->canStop());
+}
+
+TEST_F(CaptureSessionTest, StartTwiceAndWithoutDisclosure) {
+    auto second = makeSession();
+    const auto refused = failureOf(second->start("T", "C", "", false));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(second->state(), CaptureState::idle);
+    EXPECT_EQ(audio->prepared, 0) << "no audio object, no server call";
+    EXPECT_TRUE(routes().empty());
+
+    start();
+    try {
+        wait(session->start("T", "C", "", true));
+        FAIL();
+    } catch (const TesselError& error) {
+        EXPECT_EQ(error.message(),
+                  "A call is already open — finish it before starting another call.");
+    }
+    EXPECT_EQ(session->state(), CaptureState::listening);
+}
+
+TEST_F(CaptureSessionTest, RefusedMicrophoneLeavesNothingOnTheServer) {
+    audio->prepareFailure =
+        std::make_exception_ptr(AudioCaptureError::microphonePermissionDenied());
+    EXPECT_TRUE(failureOf(session->start("T", "C", "", true)));
+    EXPECT_EQ(session->state(), CaptureState::failed);
+    EXPECT_FALSE(session->meetingID());
+    EXPECT_FALSE(session->canStop());
+    EXPECT_TRUE(routes().empty());
+    EXPECT_EQ(session->error(), AudioCaptureError::microphonePermissionDenied().description());
+}
+
+TEST_F(CaptureSessionTest, SignInLostAtEachStepOfBeginResumesWithOnlyWhatIsMissing) {
+    const std::vector<std::pair<std::string, Routes>> cases = {
+        {"start", {"consent", "start", "ack", "join", "request"}},
+        {"ack", {"consent", "ack", "join", "request"}},
+        {"join", {"consent", "join", "request"}},
+        {"request", {"consent", "request"}},
+    };
+    for (const auto& [step, resumed] : cases) {
+        SCOPED_TRACE(step);
+        session = makeSession();
+        server.resetLog();
+        server.fail(step, 1, 401, R"({"error":{"code":"session_expired","message":"expired"}})");
+        const auto failure = failureOf(session->start("T", "C", "", true));
+        ASSERT_TRUE(failure);
+        EXPECT_EQ(session->state(), CaptureState::needsSignIn);
+        EXPECT_EQ(session->error(), HTTPFailure::signInLine);
+        EXPECT_TRUE(session->meetingID()) << "confirmed facts are kept";
+        EXPECT_EQ(session->serverStarted(), step != "start");
+        EXPECT_EQ(session->consentAcknowledged(), step == "join" || step == "request");
+        EXPECT_EQ(session->hostSessionID().has_value(), step == "request");
+        EXPECT_EQ(session->stateBeforeSignIn(), CaptureState::preparing);
+
+        const size_t before = routes().size();
+        wait(session->resumeAfterSignIn());
+        EXPECT_EQ(session->state(), CaptureState::listening);
+        EXPECT_EQ(routesSince(before), resumed) << "create is never repeated";
+        wait(session->stop());
+        EXPECT_EQ(session->state(), CaptureState::finished);
+    }
+}
+
+TEST_F(CaptureSessionTest, LostAnswerOfJoinIsRepairedByReadingTheServer) {
+    // The server joins, the answer never arrives. Two drops, since Qt sends once
+    // more by itself when a reused connection closes without an answer.
+    server.drop("join", 2);
+    EXPECT_TRUE(failureOf(session->start("T", "C", "", true)));
+    EXPECT_EQ(session->state(), CaptureState::failed);
+    EXPECT_FALSE(session->hostSessionID());
+    EXPECT_TRUE(session->canStop());
+
+    // The server lists a host this app never heard of: it is not ours to close.
+    const auto failure = stopFailure();
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(session->state(), CaptureState::superseded);
+    EXPECT_EQ(session->error(), "The start response was interrupted and another host session is "
+                                "present — open this call in the browser to finish it safely.");
+}
+
+TEST_F(CaptureSessionTest, BrokenStartWithNothingJoinedIsClosedByStop) {
+    server.fail("ack", 1, 500, R"({"error":{"code":"internal","message":"boom"}})");
+    EXPECT_TRUE(failureOf(session->start("T", "C", "", true)));
+    EXPECT_EQ(session->state(), CaptureState::failed);
+    const size_t before = routes().size();
+    wait(session->stop());
+    EXPECT_EQ(session->state(), CaptureState::finished);
+    EXPECT_FALSE(session->error());
+    EXPECT_FALSE(session->hasStartPending());
+    EXPECT_EQ(routesSince(before), (Routes{"snapshot", "manifest", "end"}));
+}
+
+TEST_F(CaptureSessionTest, CallOpenedElsewhereSupersedesTheCapture) {
+    start();
+    emitSegments(1);
+    ASSERT_TRUE(uploaded(1, 1));
+    server.takeover(session->meetingID()->toStdString(), false);
+    ASSERT_TRUE(eventually([&] { return session->state() == CaptureState::superseded; }));
+    EXPECT_EQ(session->error(), "This call was opened elsewhere — finish it in that session, or "
+                                "return to the browser lobby.");
+    EXPECT_GE(audio->stopped, 1);
+    EXPECT_FALSE(session->canStop());
+}
+
+TEST_F(CaptureSessionTest, RecordingStoppedByTheServerWhileListening) {
+    start();
+    server.stopRecording(session->meetingID()->toStdString());
+    ASSERT_TRUE(eventually([&] { return session->state() == CaptureState::superseded; }));
+    EXPECT_EQ(session->error(), "The server stopped this recording — open the browser to review "
+                                "the audio already saved.");
+    EXPECT_TRUE(session->recordingStopped());
+    EXPECT_FALSE(session->canStop());
+    EXPECT_EQ(session->uploads().pending, 0);
+}
+
+TEST_F(CaptureSessionTest, AudioFailureDuringSignInWaitsForTheSignIn) {
+    start();
+    server.revoke(token->toStdString());
+    ASSERT_TRUE(eventually([&] { return session->state() == CaptureState::needsSignIn; }));
+    const auto shown = session->error();
+
+    audio->emitFailure("The microphone stopped — check the input device.");
+    wait(sleepFor(0.05));
+    EXPECT_EQ(session->state(), CaptureState::needsSignIn);
+    EXPECT_EQ(session->error(), shown);
+
+    *token = QStringLiteral("vses_second");
+    wait(session->resumeAfterSignIn());
+    EXPECT_EQ(session->state(), CaptureState::failed);
+    EXPECT_EQ(session->error(), "The microphone stopped — check the input device.");
+    EXPECT_EQ(session->errorDetails(), "The microphone stopped — check the input device.");
+}
+
+TEST_F(CaptureSessionTest, StopWithAudioThatEndedEarlyWarnsButCloses) {
+    start();
+    emitSegments(1);
+    ASSERT_TRUE(uploaded(1, 1));
+    audio->emitFailure("Audio encoding stopped.");
+    ASSERT_TRUE(eventually([&] { return session->state() == CaptureState::failed; }));
+    try {
+        wait(session->stop());
+        FAIL();
+    } catch (const TesselError& error) {
+        EXPECT_EQ(error.message(), "Your saved audio was uploaded, but recording was incomplete — "
+                                   "open the call in your browser to review it.");
+    }
+    EXPECT_EQ(session->state(), CaptureState::finished);
+    EXPECT_EQ(session->errorDetails(), "Audio encoding stopped.");
+}
