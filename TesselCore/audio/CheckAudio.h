@@ -1,0 +1,12 @@
+// Library and sound-server statuses as failures in the system's words.
+#pragma once
+
+#include <QString>
+
+namespace tessel {
+
+// 0 passes; any other status throws TesselError
+// "<what> failed (Core Audio <status>) — …" with the status as a signed number.
+void checkAudio(int status, const QString& what);
+
+} // namespace tessel
