@@ -60,8 +60,11 @@ sox "$work/near.wav" "$work/near-long.wav" repeat 8 2>/dev/null
 paplay -d "$far_sink" "$work/far-long.wav" & pids+=($!)
 if [ -n "$near_sink" ]; then paplay -d "$near_sink" "$work/near-long.wav" & pids+=($!); fi
 
-"$root/build/bin/VelmoraTessel" capture --base-url "$origin/meet" --token vses_demo \
-  --title "Demo call" --counterpart "Local test" --seconds 25
+# DEMO_SECONDS makes a longer run, e.g. to measure what a live capture costs.
+seconds=${DEMO_SECONDS:-25}
+TIMEFORMAT="capture process: %U s user + %S s system CPU in %R s"
+time "$root/build/bin/VelmoraTessel" capture --base-url "$origin/meet" --token vses_demo \
+  --title "Demo call" --counterpart "Local test" --seconds "$seconds"
 
 echo
 echo "stored tracks:"
@@ -75,4 +78,18 @@ for seg in $(find "$work/server" -name '*.aac' | sort); do
   fi
 done
 [ "$bad" -eq 0 ] && echo "every segment decodes on its own as AAC-LC, 16000 Hz, mono"
+
+# The speech must be in the tracks, not silence: the loudest moment of each track
+# that was fed (on the user's own sound server the microphone hears the room).
+fed="audio_remote"; [ -n "$near_sink" ] && fed="audio_local audio_remote"
+for track in $fed; do
+  files=$(find "$work/server" -path "*/$track/*.aac" | sort)
+  [ -z "$files" ] && continue
+  peak=$(cat $files | ffmpeg -v info -f aac -i - -af volumedetect -f null - 2>&1 |
+    sed -n 's/.*max_volume: \(.*\) dB/\1/p')
+  echo "$track: loudest moment $peak dB"
+  if [ -z "$peak" ] || awk -v p="$peak" 'BEGIN { exit !(p < -40) }'; then
+    echo "$track holds no sound"; bad=1
+  fi
+done
 exit "$bad"

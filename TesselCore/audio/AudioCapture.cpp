@@ -72,9 +72,10 @@ void release(pa_operation* operation) {
 }
 
 // Formats the pipeline reads directly; for any other the server converts to float.
-PCMFormat formatFor(pa_sample_spec& spec) {
-    PCMFormat format{SampleType::f32, false, static_cast<int>(spec.rate), spec.channels};
-    switch (spec.format) {
+PCMFormat formatFor(pa_sample_spec& sampleSpec) {
+    PCMFormat format{SampleType::f32, false, static_cast<int>(sampleSpec.rate),
+                     sampleSpec.channels};
+    switch (sampleSpec.format) {
     case PA_SAMPLE_U8:
         format.sample = SampleType::u8;
         break;
@@ -85,14 +86,14 @@ PCMFormat formatFor(pa_sample_spec& spec) {
         format.sample = SampleType::s32;
         break;
     default:
-        spec.format = PA_SAMPLE_FLOAT32NE;
+        sampleSpec.format = PA_SAMPLE_FLOAT32NE;
         break;
     }
     return format;
 }
 
 struct SourceDetails {
-    pa_sample_spec spec;
+    pa_sample_spec sampleSpec;
     pa_channel_map map;
 };
 
@@ -179,7 +180,7 @@ struct AudioCapture::Pulse {
             names = serverNames();
             const auto details =
                 names.defaultSource.empty() ? std::nullopt : sourceInfo(names.defaultSource);
-            if (!details || details->spec.rate == 0 || details->spec.channels == 0) {
+            if (!details || details->sampleSpec.rate == 0 || details->sampleSpec.channels == 0) {
                 throw TesselError(noMicrophoneMessage);
             }
             // No device name: the stream follows the default source when it changes.
@@ -242,7 +243,7 @@ struct AudioCapture::Pulse {
         }
         const auto name = monitorOf(sink);
         const auto details = name ? sourceInfo(*name) : std::nullopt;
-        if (!details || details->spec.rate == 0 || details->spec.channels == 0) {
+        if (!details || details->sampleSpec.rate == 0 || details->sampleSpec.channels == 0) {
             throw AudioCaptureError::systemAudioStartFailed(noMonitorReason(sink));
         }
         openStream(remote, "Velmora Tessel call audio", *details, name->c_str());
@@ -355,12 +356,12 @@ struct AudioCapture::Pulse {
 
     void openStream(Source& source, const char* name, const SourceDetails& details,
                     const char* device) {
-        pa_sample_spec spec = details.spec;
-        source.format = formatFor(spec);
-        source.frameBytes = pa_frame_size(&spec);
+        pa_sample_spec sampleSpec = details.sampleSpec;
+        source.format = formatFor(sampleSpec);
+        source.frameBytes = pa_frame_size(&sampleSpec);
         const bool mapFits =
-            pa_channel_map_valid(&details.map) && details.map.channels == spec.channels;
-        source.stream = pa_stream_new(context, name, &spec, mapFits ? &details.map : nullptr);
+            pa_channel_map_valid(&details.map) && details.map.channels == sampleSpec.channels;
+        source.stream = pa_stream_new(context, name, &sampleSpec, mapFits ? &details.map : nullptr);
         if (!source.stream) {
             throw PulseFailure{errorOf(context)};
         }
@@ -372,7 +373,8 @@ struct AudioCapture::Pulse {
         attributes.tlength = static_cast<std::uint32_t>(-1);
         attributes.prebuf = static_cast<std::uint32_t>(-1);
         attributes.minreq = static_cast<std::uint32_t>(-1);
-        attributes.fragsize = static_cast<std::uint32_t>(pa_usec_to_bytes(fragmentUsec, &spec));
+        attributes.fragsize =
+            static_cast<std::uint32_t>(pa_usec_to_bytes(fragmentUsec, &sampleSpec));
         if (pa_stream_connect_record(source.stream, device, &attributes, PA_STREAM_ADJUST_LATENCY) <
             0) {
             throw PulseFailure{errorOf(context)};

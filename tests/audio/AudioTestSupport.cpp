@@ -1,37 +1,20 @@
 #include "AudioTestSupport.h"
 
+#include "audio/FFmpeg.h"
 #include "support/Wait.h"
-
-#include <QDir>
-#include <QFile>
-#include <QProcess>
-#include <QUuid>
 
 #include <gtest/gtest.h>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
-
+#include <array>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <numbers>
+#include <numeric>
 
 namespace tessel::test {
 
 namespace {
-
-template <typename T> T sampleOf(double value) {
-    if constexpr (std::is_same_v<T, std::uint8_t>) {
-        return static_cast<T>(std::lround(128.0 + value * 127.0));
-    } else if constexpr (std::is_same_v<T, std::int16_t>) {
-        return static_cast<T>(std::lround(value * 32767.0));
-    } else if constexpr (std::is_same_v<T, std::int32_t>) {
-        return static_cast<T>(std::llround(value * 2147483647.0));
-    } else {
-        return static_cast<T>(value);
-    }
-}
 
 template <typename T>
 void fill(PCMBuffer& buffer, double hertz, double amplitude, std::int64_t offset) {
@@ -40,12 +23,15 @@ void fill(PCMBuffer& buffer, double hertz, double amplitude, std::int64_t offset
         const double value =
             amplitude * std::sin(2 * std::numbers::pi * hertz *
                                  static_cast<double>(offset + frame) / format.rate);
+        T sample = static_cast<T>(value);
+        if constexpr (std::is_same_v<T, std::uint8_t>) {
+            sample = static_cast<T>(std::lround(128.0 + value * 127.0));
+        } else if constexpr (std::is_integral_v<T>) {
+            sample = static_cast<T>(std::llround(value * std::numeric_limits<T>::max()));
+        }
         for (int channel = 0; channel < format.channels; ++channel) {
-            if (format.planar) {
-                buffer.samples<T>(channel)[frame] = sampleOf<T>(value);
-            } else {
-                buffer.samples<T>()[frame * format.channels + channel] = sampleOf<T>(value);
-            }
+            (format.planar ? buffer.samples<T>(channel)[frame]
+                           : buffer.samples<T>()[frame * format.channels + channel]) = sample;
         }
     }
 }
@@ -55,43 +41,26 @@ void fill(PCMBuffer& buffer, double hertz, double amplitude, std::int64_t offset
 PCMBuffer tone(const PCMFormat& format, std::int64_t frames, double hertz, double amplitude,
                std::int64_t offset) {
     PCMBuffer buffer(format, frames);
-    switch (format.sample) {
-    case SampleType::u8:
-        fill<std::uint8_t>(buffer, hertz, amplitude, offset);
-        break;
-    case SampleType::s16:
-        fill<std::int16_t>(buffer, hertz, amplitude, offset);
-        break;
-    case SampleType::s32:
-        fill<std::int32_t>(buffer, hertz, amplitude, offset);
-        break;
-    case SampleType::f32:
-        fill<float>(buffer, hertz, amplitude, offset);
-        break;
-    case SampleType::f64:
-        fill<double>(buffer, hertz, amplitude, offset);
-        break;
-    }
+    // In SampleType's order.
+    constexpr std::array fillers{fill<std::uint8_t>, fill<std::int16_t>, fill<std::int32_t>,
+                                 fill<float>, fill<double>};
+    fillers.at(static_cast<std::size_t>(format.sample))(buffer, hertz, amplitude, offset);
     return buffer;
 }
 
 std::vector<int> adtsFrameLengths(const QByteArray& bytes) {
     std::vector<int> lengths;
     const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.constData());
-    qsizetype at = 0;
-    while (at < bytes.size()) {
-        if (bytes.size() - at < 7 || data[at] != 0xFF || data[at + 1] != 0xF1 ||
-            data[at + 2] != 0x60 || (data[at + 3] & 0xFC) != 0x40) {
-            ADD_FAILURE() << "no AAC-LC 16 kHz mono ADTS header at byte " << at;
-            return lengths;
-        }
-        const int length = ((data[at + 3] & 3) << 11) | (data[at + 4] << 3) | (data[at + 5] >> 5);
+    for (qsizetype at = 0; at < bytes.size(); at += lengths.back()) {
+        const bool header = bytes.size() - at >= 7 && data[at] == 0xFF && data[at + 1] == 0xF1 &&
+                            data[at + 2] == 0x60 && (data[at + 3] & 0xFC) == 0x40;
+        const int length =
+            header ? ((data[at + 3] & 3) << 11) | (data[at + 4] << 3) | (data[at + 5] >> 5) : 0;
         if (length <= 7 || at + length > bytes.size()) {
-            ADD_FAILURE() << "frame at byte " << at << " has length " << length;
+            ADD_FAILURE() << "no whole AAC-LC 16 kHz mono ADTS frame at byte " << at;
             return lengths;
         }
         lengths.push_back(length);
-        at += length;
     }
     return lengths;
 }
@@ -99,12 +68,12 @@ std::vector<int> adtsFrameLengths(const QByteArray& bytes) {
 std::vector<float> decodeADTS(const QByteArray& bytes) {
     std::vector<float> out;
     const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_AAC);
-    AVCodecContext* context = avcodec_alloc_context3(codec);
-    AVPacket* packet = av_packet_alloc();
-    AVFrame* frame = av_frame_alloc();
-    EXPECT_EQ(avcodec_open2(context, codec, nullptr), 0);
-    auto collect = [&] {
-        while (avcodec_receive_frame(context, frame) == 0) {
+    const ffmpeg::CodecContext context(avcodec_alloc_context3(codec));
+    const ffmpeg::Packet packet(av_packet_alloc());
+    const ffmpeg::Frame frame(av_frame_alloc());
+    EXPECT_EQ(avcodec_open2(context.get(), codec, nullptr), 0);
+    const auto collect = [&] {
+        while (avcodec_receive_frame(context.get(), frame.get()) == 0) {
             EXPECT_EQ(frame->ch_layout.nb_channels, 1);
             EXPECT_EQ(frame->sample_rate, 16000);
             EXPECT_EQ(frame->format, AV_SAMPLE_FMT_FLTP);
@@ -114,18 +83,15 @@ std::vector<float> decodeADTS(const QByteArray& bytes) {
     };
     qsizetype at = 0;
     for (const int length : adtsFrameLengths(bytes)) {
-        av_new_packet(packet, length);
+        av_new_packet(packet.get(), length);
         std::memcpy(packet->data, bytes.constData() + at, static_cast<std::size_t>(length));
-        EXPECT_EQ(avcodec_send_packet(context, packet), 0) << "frame at byte " << at;
-        av_packet_unref(packet);
+        EXPECT_EQ(avcodec_send_packet(context.get(), packet.get()), 0) << "frame at byte " << at;
+        av_packet_unref(packet.get());
         collect();
         at += length;
     }
-    avcodec_send_packet(context, nullptr);
+    avcodec_send_packet(context.get(), nullptr);
     collect();
-    av_frame_free(&frame);
-    av_packet_free(&packet);
-    avcodec_free_context(&context);
     return out;
 }
 
@@ -154,31 +120,6 @@ double toneShare(const std::vector<float>& samples, double hertz, int rate) {
     return level > 0 ? amplitude / std::numbers::sqrt2 / level : 0;
 }
 
-ProbeResult probeSegment(const QByteArray& bytes, const QString& directory) {
-    const QString path =
-        QDir(directory).filePath(QUuid::createUuid().toString(QUuid::WithoutBraces) + ".aac");
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-    file.close();
-
-    ProbeResult result;
-    QProcess probe;
-    probe.start("ffprobe",
-                {"-v", "error", "-show_entries", "stream=codec_name,profile,sample_rate,channels",
-                 "-of", "compact=p=0", path});
-    EXPECT_TRUE(probe.waitForFinished(30000));
-    result.streams = QString::fromUtf8(probe.readAllStandardOutput()).trimmed();
-
-    QProcess decode;
-    decode.start("ffmpeg", {"-nostdin", "-v", "error", "-xerror", "-i", path, "-f", "null", "-"});
-    EXPECT_TRUE(decode.waitForFinished(30000));
-    EXPECT_EQ(decode.exitCode(), 0);
-    result.decodeErrors = QString::fromUtf8(decode.readAllStandardError()).trimmed();
-    QFile::remove(path);
-    return result;
-}
-
 std::vector<CaptureEvent> drain(CaptureEventStream& stream) {
     std::vector<CaptureEvent> events;
     while (auto event = wait(stream.next())) {
@@ -189,43 +130,23 @@ std::vector<CaptureEvent> drain(CaptureEventStream& stream) {
 
 std::vector<AudioSegment> segmentsOf(const std::vector<CaptureEvent>& events,
                                      AudioChannel channel) {
-    std::vector<AudioSegment> segments;
-    for (const auto& event : events) {
-        if (const auto* segment = std::get_if<AudioSegment>(&event)) {
-            if (segment->channel == channel) {
-                segments.push_back(*segment);
-            }
-        }
-    }
+    auto segments = eventsOf<AudioSegment>(events);
+    std::erase_if(segments, [channel](const auto& segment) { return segment.channel != channel; });
     return segments;
 }
 
-std::vector<MeterReading> metersOf(const std::vector<CaptureEvent>& events) {
-    std::vector<MeterReading> meters;
-    for (const auto& event : events) {
-        if (const auto* meter = std::get_if<MeterReading>(&event)) {
-            meters.push_back(*meter);
-        }
+void expectSegmentsStandAlone(const std::vector<AudioSegment>& segments) {
+    ASSERT_FALSE(segments.empty());
+    for (std::size_t index = 0; index < segments.size(); ++index) {
+        EXPECT_EQ(segments[index].sequence, static_cast<qint64>(index));
+        EXPECT_FALSE(decodeADTS(segments[index].bytes).empty()) << "segment " << index;
     }
-    return meters;
-}
-
-std::vector<QString> failuresOf(const std::vector<CaptureEvent>& events) {
-    std::vector<QString> failures;
-    for (const auto& event : events) {
-        if (const auto* failure = std::get_if<CaptureFailure>(&event)) {
-            failures.push_back(failure->message);
-        }
-    }
-    return failures;
 }
 
 QByteArray joined(const std::vector<AudioSegment>& segments) {
-    QByteArray bytes;
-    for (const auto& segment : segments) {
-        bytes.append(segment.bytes);
-    }
-    return bytes;
+    return std::accumulate(
+        segments.begin(), segments.end(), QByteArray(),
+        [](QByteArray bytes, const auto& segment) { return bytes + segment.bytes; });
 }
 
 } // namespace tessel::test

@@ -1,6 +1,5 @@
 // Shared by the audio tests: synthetic PCM, an independent look at ADTS streams
-// (FFmpeg's own decoder, and ffprobe/ffmpeg as separate programs), and reading a
-// finished capture stream.
+// through FFmpeg's own decoder, and reading a finished capture stream.
 #pragma once
 
 #include "audio/PCMBuffer.h"
@@ -18,10 +17,12 @@ namespace tessel::test {
 PCMBuffer tone(const PCMFormat& format, std::int64_t frames, double hertz, double amplitude,
                std::int64_t offset = 0);
 
-// Frame lengths of a run of whole ADTS frames; fails the test on anything else.
+// Frame lengths of a run of whole AAC-LC 16 kHz mono ADTS frames; fails the
+// test on anything else.
 std::vector<int> adtsFrameLengths(const QByteArray& bytes);
 
-// Decodes ADTS AAC with FFmpeg's decoder; mono samples, priming included.
+// Decodes ADTS AAC with a fresh FFmpeg decoder, failing the test on any decode
+// error or a stream that isn't 16 kHz mono; samples with the priming included.
 std::vector<float> decodeADTS(const QByteArray& bytes);
 
 double rms(const std::vector<float>& samples, std::size_t from = 0,
@@ -31,21 +32,22 @@ double rms(const std::vector<float>& samples, std::size_t from = 0,
 // (Goertzel); near 1 for a pure tone of that frequency, near 0 for others.
 double toneShare(const std::vector<float>& samples, double hertz, int rate);
 
-// What ffprobe says about the stream and what ffmpeg's strict decode of the
-// whole file prints; both empty-handed for a good segment.
-struct ProbeResult {
-    QString streams; // "codec_name=aac|profile=LC|sample_rate=16000|channels=1"
-    QString decodeErrors;
-};
-ProbeResult probeSegment(const QByteArray& bytes, const QString& directory);
-
 // Every event until the stream ends; the stream must be ending.
 std::vector<CaptureEvent> drain(CaptureEventStream& stream);
 
+template <typename T> std::vector<T> eventsOf(const std::vector<CaptureEvent>& events) {
+    std::vector<T> out;
+    for (const auto& event : events) {
+        if (const auto* wanted = std::get_if<T>(&event)) {
+            out.push_back(*wanted);
+        }
+    }
+    return out;
+}
 std::vector<AudioSegment> segmentsOf(const std::vector<CaptureEvent>& events, AudioChannel channel);
-std::vector<MeterReading> metersOf(const std::vector<CaptureEvent>& events);
-std::vector<QString> failuresOf(const std::vector<CaptureEvent>& events);
 
+// Numbered from zero, each segment decodes on its own: what storage receives.
+void expectSegmentsStandAlone(const std::vector<AudioSegment>& segments);
 QByteArray joined(const std::vector<AudioSegment>& segments);
 
 } // namespace tessel::test

@@ -58,13 +58,7 @@ protected:
     void start() { wait(session->start("Weekly sync", "Acme", "", true)); }
 
     // The routes of the meet requests the server received, in order.
-    std::vector<std::string> routes() {
-        std::vector<std::string> out;
-        for (const auto& entry : server.requestLog()) {
-            out.push_back(entry.value("route", ""));
-        }
-        return out;
-    }
+    std::vector<std::string> routes() { return server.routes(); }
     std::vector<std::string> routesSince(size_t from) {
         auto all = routes();
         return {all.begin() + static_cast<long>(std::min(from, all.size())), all.end()};
@@ -262,4 +256,59 @@ TEST_F(CaptureSessionTest, StopWithAudioThatEndedEarlyWarnsButCloses) {
     }
     EXPECT_EQ(session->state(), CaptureState::finished);
     EXPECT_EQ(session->errorDetails(), "Audio encoding stopped.");
+}
+
+TEST_F(CaptureSessionTest, StopAfterALostSignInRunsAgainOnceSignedIn) {
+    start();
+    emitSegments(1);
+    ASSERT_TRUE(uploaded(1, 1));
+    server.revoke(token->toStdString());
+    emitSegments(1); // cut while the token no longer works: kept, sent later
+    EXPECT_TRUE(stopFailure());
+    EXPECT_EQ(session->state(), CaptureState::needsSignIn);
+    EXPECT_EQ(session->stateBeforeSignIn(), CaptureState::uploading);
+    EXPECT_EQ(session->error(), HTTPFailure::signInLine);
+    EXPECT_GE(audio->stopped, 1);
+
+    *token = QStringLiteral("vses_second");
+    wait(session->resumeAfterSignIn());
+    EXPECT_EQ(session->state(), CaptureState::finished);
+    EXPECT_FALSE(session->error());
+    const json meeting = server.state()["meetings"][0];
+    EXPECT_EQ(meeting["status"], "ended");
+    EXPECT_EQ(meeting["parts"][0]["state"], "stopped");
+    EXPECT_EQ(meeting["parts"][0]["segments"], (json{{"audio_local", 2}, {"audio_remote", 2}}));
+}
+
+TEST_F(CaptureSessionTest, StopWhoseRequestsWereLostAfterTheServerActedStillCloses) {
+    start();
+    emitSegments(1);
+    ASSERT_TRUE(uploaded(1, 1));
+    // Both closing requests take effect, and neither answer arrives; two drops
+    // each since Qt resends once on a reused connection.
+    server.drop("stop", 2);
+    server.drop("end", 2);
+    const size_t before = routes().size();
+    wait(session->stop());
+    EXPECT_EQ(session->state(), CaptureState::finished);
+    EXPECT_FALSE(session->error());
+    const auto sent = routesSince(before);
+    EXPECT_EQ(std::count(sent.begin(), sent.end(), "snapshot"), 2)
+        << "one for ownership, one to learn the stop happened";
+    EXPECT_EQ(sent.back(), "read") << "the call is read to learn it ended";
+    EXPECT_EQ(server.state()["meetings"][0]["status"], "ended");
+}
+
+TEST_F(CaptureSessionTest, RefusedRecordingStopLeavesTheCallToBeStoppedAgain) {
+    start();
+    server.fail("stop", 1, 500, R"({"error":{"code":"internal","message":"boom"}})");
+    EXPECT_TRUE(stopFailure());
+    EXPECT_EQ(session->state(), CaptureState::failed);
+    EXPECT_TRUE(session->stopPending());
+    EXPECT_EQ(server.state()["meetings"][0]["status"], "live");
+
+    // The second press runs the whole road again and closes the call.
+    wait(session->stop());
+    EXPECT_EQ(session->state(), CaptureState::finished);
+    EXPECT_EQ(server.state()["meetings"][0]["status"], "ended");
 }

@@ -1,6 +1,8 @@
 // A refused request: what is read out of the body and which sentence it earns.
 #include "net/HTTPFailure.h"
 
+#include <QStringList>
+
 #include <gtest/gtest.h>
 
 using namespace tessel;
@@ -8,53 +10,36 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-using Text = std::optional<QString>;
-
-struct BodyCase {
-    const char* name;
-    QString body;
-    Text code;
-    Text message;
-    Text agent;
-};
+// What a failure read out of its body, absent fields left out.
+QString readOut(const HTTPFailure& failure) {
+    QStringList parts;
+    for (const auto& [name, value] :
+         {std::pair{u"code"_s, failure.code}, std::pair{u"message"_s, failure.serverMessage},
+          std::pair{u"agent"_s, failure.agentHint}}) {
+        if (value) {
+            parts << name + u"="_s + *value;
+        }
+    }
+    return parts.join(u"|"_s);
+}
 
 TEST(HTTPFailureTest, ReadsCodeMessageAndHintOutOfTheBody) {
-    const BodyCase cases[] = {
-        {"string error", uR"({"error": "bad_thing"})"_s, u"bad_thing"_s, u"bad_thing"_s, {}},
-        {"error object",
-         uR"({"error": {"code": "c1", "message": "M.", "details": {"agent": "retry later"}}})"_s,
-         u"c1"_s, u"M."_s, u"retry later"_s},
-        {"string error beside message",
-         uR"({"error": "c2", "message": "Top."})"_s,
-         u"c2"_s,
-         u"Top."_s,
-         {}},
-        {"number message passed over",
-         uR"({"message": 42, "error_description": "Described."})"_s,
-         {},
-         u"Described."_s,
-         {}},
-        {"error object without strings",
-         uR"({"error": {"code": 7, "details": {"agent": 1}}})"_s,
-         {},
-         {},
-         {}},
-        {"error object message beats top level",
-         uR"({"error": {"message": "Inner."}, "message": "Outer."})"_s,
-         {},
-         u"Inner."_s,
-         {}},
-        {"array body", uR"([{"error": "x"}])"_s, {}, {}, {}},
-        {"plain text", u"Bad Gateway\n"_s, {}, u"Bad Gateway\n"_s, {}},
-        {"empty body", u""_s, {}, u""_s, {}},
+    const std::pair<QString, QString> cases[] = {
+        {uR"({"error": "bad_thing"})"_s, u"code=bad_thing|message=bad_thing"_s},
+        {uR"({"error": {"code": "c1", "message": "M.", "details": {"agent": "retry later"}}})"_s,
+         u"code=c1|message=M.|agent=retry later"_s},
+        {uR"({"error": "c2", "message": "Top."})"_s, u"code=c2|message=Top."_s},
+        {uR"({"message": 42, "error_description": "Described."})"_s, u"message=Described."_s},
+        {uR"({"error": {"code": 7, "details": {"agent": 1}}})"_s, u""_s},
+        {uR"({"error": {"message": "Inner."}, "message": "Outer."})"_s, u"message=Inner."_s},
+        {uR"([{"error": "x"}])"_s, u""_s},
+        {u"Bad Gateway\n"_s, u"message=Bad Gateway\n"_s},
+        {u""_s, u"message="_s},
     };
-    for (const BodyCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        const HTTPFailure failure(400, c.body, u"/p"_s);
-        EXPECT_EQ(failure.detail, c.body);
-        EXPECT_EQ(failure.code, c.code);
-        EXPECT_EQ(failure.serverMessage, c.message);
-        EXPECT_EQ(failure.agentHint, c.agent);
+    for (const auto& [body, read] : cases) {
+        const HTTPFailure failure(400, body, u"/p"_s);
+        EXPECT_EQ(failure.detail, body);
+        EXPECT_EQ(readOut(failure), read) << body.toStdString();
     }
 }
 
@@ -69,11 +54,8 @@ TEST(HTTPFailureTest, BodyTextRefusesAnythingButUTF8) {
         QByteArray("\xf4\x90\x80\x80"), // past U+10FFFF
     };
     for (const QByteArray& body : unreadable) {
-        SCOPED_TRACE(body.toHex().toStdString());
-        EXPECT_EQ(HTTPFailure::bodyText(body), u"Unreadable response"_s);
+        EXPECT_EQ(HTTPFailure::bodyText(body), u"Unreadable response"_s) << body.toHex().data();
     }
-    const HTTPFailure failure(400, HTTPFailure::bodyText(unreadable[0]), u"/p"_s);
-    EXPECT_EQ(failure.serverMessage, u"Unreadable response"_s);
 }
 
 QString errorBody(const QString& code, const QString& message) {
@@ -84,17 +66,16 @@ QString messageBody(const QString& message) {
     return uR"({"message": "%1"})"_s.arg(message);
 }
 
-struct LineCase {
-    qint64 status;
-    QString body;
-    QString line;
-};
-
 TEST(HTTPFailureTest, HumanLineFollowsTheFirstRuleThatFits) {
     const QString generic400 =
         u"The server refused this request. Check the call details and try again."_s;
     const QString hostLine = u"You are signed in, but not as the host of this call."_s;
-    const LineCase cases[] = {
+    struct Case {
+        qint64 status;
+        QString body;
+        QString line;
+    };
+    const Case cases[] = {
         // A proper sentence from the server, 4xx only.
         {422, messageBody(u"Title is required."_s), u"Title is required."_s},
         {422, messageBody(u"Title is required"_s), HTTPFailure::fallbackLine},
@@ -102,11 +83,8 @@ TEST(HTTPFailureTest, HumanLineFollowsTheFirstRuleThatFits) {
         {422, messageBody(u"title is required."_s), HTTPFailure::fallbackLine},
         {422, messageBody(u"See https://x.io/help."_s), HTTPFailure::fallbackLine},
         {422, messageBody(u"Error: 422 happened."_s), HTTPFailure::fallbackLine},
-        {403, messageBody(u"Only the host can stop this call."_s),
-         u"Only the host can stop this call."_s},
         // Session codes at any status, below a proper sentence.
         {500, errorBody(u"session_idle"_s, u"idle"_s), HTTPFailure::sessionIdleLine},
-        {503, errorBody(u"session_revoked"_s, u"x"_s), HTTPFailure::signInLine},
         {200, errorBody(u"session_expired"_s, u"x"_s), HTTPFailure::signInLine},
         {401, errorBody(u"session_idle"_s, u"Your session idled."_s), u"Your session idled."_s},
         // 400 quotes the first sentence of a human message.
@@ -116,38 +94,33 @@ TEST(HTTPFailureTest, HumanLineFollowsTheFirstRuleThatFits) {
          u"The server refused this request: Bad title."_s},
         {400, messageBody(u"...title?!"_s), u"The server refused this request: title."_s},
         {400, messageBody(u"..."_s), generic400},
-        {400, messageBody(u"see www.example.com"_s), generic400},
         {400, messageBody(u"bad token"_s), generic400},
         {400, uR"({"detail": "no message"})"_s, generic400},
-        // 403: a host refusal or the sign-in road.
+        // 403: a host refusal, "host" as a word of the code or message, or sign in.
+        {403, messageBody(u"Only the host can stop this call."_s),
+         u"Only the host can stop this call."_s},
         {403, errorBody(u"not_host"_s, u"x"_s), hostLine},
         {403, errorBody(u"HOST"_s, u"x"_s), hostLine},
         {403, errorBody(u"room9host"_s, u"x"_s), hostLine},
-        {403, errorBody(u"hosted"_s, u"x"_s), HTTPFailure::signInLine},
         {403, errorBody(u"ghost_call"_s, u"x"_s), HTTPFailure::signInLine},
-        {403, messageBody(u"you must be the host"_s), hostLine},
+        {403, errorBody(u"hosted"_s, u"x"_s), HTTPFailure::signInLine},
         {403, messageBody(u"requires meeting-host role"_s), hostLine},
         {403, uR"({"error": "only_hosts"})"_s, hostLine},
         {403, messageBody(u"forbidden"_s), HTTPFailure::signInLine},
         // By status.
         {404, u""_s, u"That call no longer exists on the server."_s},
         {409, u""_s, u"That already happened (the call was stopped elsewhere). Refreshing."_s},
-        {502, u""_s, HTTPFailure::serverUnavailableLine},
         {503, u"<html>down</html>"_s, HTTPFailure::serverUnavailableLine},
         {429, u""_s, HTTPFailure::fallbackLine},
-        {504, u""_s, HTTPFailure::fallbackLine},
     };
-    for (const LineCase& c : cases) {
-        SCOPED_TRACE(QString::number(c.status).toStdString() + " " + c.body.toStdString());
+    for (const Case& c : cases) {
         const HTTPFailure failure(c.status, c.body, u"/p"_s);
-        EXPECT_EQ(failure.humanLine(), c.line);
+        EXPECT_EQ(failure.humanLine(), c.line) << c.status << " " << c.body.toStdString();
         EXPECT_EQ(failure.description(), c.line);
     }
 }
 
 TEST(HTTPFailureTest, DetailLineKeepsTheFacts) {
-    EXPECT_EQ(HTTPFailure(502, u"Bad Gateway"_s, u"/v1/calls"_s).detailLine(),
-              u"HTTP 502 · unknown · Bad Gateway · /v1/calls"_s);
     EXPECT_EQ(HTTPFailure(409,
                           uR"({"error": {"code": "already_stopped", "message": "Stopped.", )"
                           uR"("details": {"agent": "GET the call first"}}})"_s,

@@ -81,12 +81,4 @@ void FakeClock::advance(double seconds, double step) {
     }
 }
 
-std::size_t FakeClock::waiting() const {
-    std::size_t count = 0;
-    for (const auto& waiter : waiters_) {
-        count += waiter->fired ? 0 : 1;
-    }
-    return count;
-}
-
 } // namespace tessel::test

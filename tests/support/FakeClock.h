@@ -33,8 +33,6 @@ public:
     // Runs posted work until nothing more happens.
     static void settle();
 
-    std::size_t waiting() const;
-
 private:
     struct Waiter;
     QObject context_;

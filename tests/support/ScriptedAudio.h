@@ -19,33 +19,38 @@ QByteArray adtsFrames(int frames, int payloadSize = 90, char fill = 0x11);
 
 struct ScriptedAudioControl {
     std::exception_ptr prepareFailure; // thrown by prepare()
-    std::exception_ptr beginFailure;   // thrown by begin()
     std::atomic<int> prepared{0};
     std::atomic<int> begun{0};
     std::atomic<int> stopped{0};
     CaptureEventStream* stream = nullptr; // valid while the source lives
-    std::atomic<bool> alive{false};
     std::array<qint64, 2> nextSequence{0, 0};
 
     // Emits one segment of the channel with the next sequence number.
     void emitSegment(AudioChannel channel, int frames = 4);
-    void emitMeter(double elapsed, bool local = true, bool remote = true, bool silent = false);
-    void emitFailure(const QString& message);
+    void emitFailure(const QString& message) { stream->push(CaptureFailure{message}); }
 };
 
 class ScriptedAudio : public CaptureAudio {
 public:
-    explicit ScriptedAudio(std::shared_ptr<ScriptedAudioControl> control);
-    ~ScriptedAudio() override;
+    explicit ScriptedAudio(std::shared_ptr<ScriptedAudioControl> control) : control_(control) {
+        control_->stream = &stream_;
+    }
+    ~ScriptedAudio() override { control_->stream = nullptr; }
 
     CaptureEventStream& events() override { return stream_; }
     Task<void> prepare() override;
-    void begin() override;
-    void stop() override;
+    void begin() override { ++control_->begun; }
+    void stop() override {
+        ++control_->stopped;
+        stream_.finish();
+    }
 
     // A maker for CaptureSession that hands out sources sharing one control.
-    static std::function<std::unique_ptr<CaptureAudio>()>
-    maker(std::shared_ptr<ScriptedAudioControl> control);
+    static auto maker(std::shared_ptr<ScriptedAudioControl> control) {
+        return [control]() -> std::unique_ptr<CaptureAudio> {
+            return std::make_unique<ScriptedAudio>(control);
+        };
+    }
 
 private:
     std::shared_ptr<ScriptedAudioControl> control_;

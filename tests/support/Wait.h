@@ -1,60 +1,40 @@
 // Runs a task to its end on a nested loop, passing its failure on. (QCoro's own
-// waitFor never returns when the awaited task throws.)
+// waitFor never returns when the awaited task throws, so the failure is caught
+// inside and thrown again outside.)
 #pragma once
 
 #include "async/Async.h"
 
-#include <QEventLoop>
+#include <QCoroTask>
 
 #include <exception>
 #include <optional>
+#include <type_traits>
+#include <variant>
 
 namespace tessel::test {
 
 template <typename T> T wait(Task<T> task) {
-    QEventLoop loop;
-    bool done = false;
+    using Result = std::optional<std::conditional_t<std::is_void_v<T>, std::monostate, T>>;
+    Result result;
     std::exception_ptr failure;
-    std::optional<T> result;
-    auto runner = [](Task<T> t, QEventLoop& l, bool& d, std::exception_ptr& f,
-                     std::optional<T>& r) -> Task<void> {
+    // Captureless, everything by parameter: a coroutine keeps no lambda captures.
+    QCoro::waitFor([](Task<T> t, Result& r, std::exception_ptr& f) -> Task<void> {
         try {
-            r.emplace(co_await std::move(t));
+            if constexpr (std::is_void_v<T>) {
+                co_await std::move(t);
+            } else {
+                r.emplace(co_await std::move(t));
+            }
         } catch (...) {
             f = std::current_exception();
         }
-        d = true;
-        l.quit();
-    };
-    runner(std::move(task), loop, done, failure, result);
-    if (!done) {
-        loop.exec();
-    }
+    }(std::move(task), result, failure));
     if (failure) {
         std::rethrow_exception(failure);
     }
-    return std::move(*result);
-}
-
-inline void wait(Task<void> task) {
-    QEventLoop loop;
-    bool done = false;
-    std::exception_ptr failure;
-    auto runner = [](Task<void> t, QEventLoop& l, bool& d, std::exception_ptr& f) -> Task<void> {
-        try {
-            co_await std::move(t);
-        } catch (...) {
-            f = std::current_exception();
-        }
-        d = true;
-        l.quit();
-    };
-    runner(std::move(task), loop, done, failure);
-    if (!done) {
-        loop.exec();
-    }
-    if (failure) {
-        std::rethrow_exception(failure);
+    if constexpr (!std::is_void_v<T>) {
+        return std::move(*result);
     }
 }
 

@@ -14,6 +14,8 @@ using namespace tessel::test;
 
 namespace {
 
+using Routes = std::vector<std::string>;
+
 class SegmentUploaderTest : public ::testing::Test {
 protected:
     DevServer server;
@@ -23,7 +25,6 @@ protected:
     QString meeting;
     QString recording;
     std::vector<double> pauses;
-    CancellationToken token;
 
     void SetUp() override {
         meeting = wait(api.create("Call", "Someone", ""));
@@ -33,139 +34,107 @@ protected:
         server.resetLog();
     }
 
-    SegmentUploader uploader() {
-        return SegmentUploader(api, meeting, recording,
-                               [this](double seconds, CancellationToken t) -> Task<void> {
-                                   pauses.push_back(seconds);
-                                   co_await sleepFor(0, t);
-                               });
-    }
-
-    AudioSegment segment(qint64 sequence = 0) {
-        return AudioSegment{AudioChannel::remote, sequence, QUuid::createUuid(), adtsFrames(3)};
-    }
-
-    std::vector<std::string> routes() {
-        std::vector<std::string> out;
-        for (const auto& entry : server.requestLog()) {
-            out.push_back(entry.value("route", ""));
-        }
-        return out;
-    }
-
-    std::vector<std::string> chunkIDs() {
-        std::vector<std::string> out;
-        for (const auto& entry : server.requestLog()) {
-            if (entry.value("route", "") == "presign") {
-                out.push_back(entry["body"].value("chunk_uuid", ""));
-            }
-        }
-        return out;
-    }
-
-    QString failureText(const std::exception_ptr& error) {
-        try {
-            std::rethrow_exception(error);
-        } catch (const Failure& failure) {
-            return failure.description();
-        } catch (...) {
-            return QStringLiteral("?");
-        }
+    // Uploads a fresh segment (or `given`); the failure, if any.
+    std::exception_ptr upload(std::optional<AudioSegment> given = std::nullopt) {
+        SegmentUploader uploader(api, meeting, recording,
+                                 [this](double seconds, CancellationToken t) -> Task<void> {
+                                     pauses.push_back(seconds);
+                                     co_await sleepFor(0, t);
+                                 });
+        return failureOf(uploader.upload(given.value_or(
+            AudioSegment{AudioChannel::remote, 0, QUuid::createUuid(), adtsFrames(3)})));
     }
 };
 
-using Routes = std::vector<std::string>;
+QString wordsOf(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const Failure& failure) {
+        return failure.description();
+    } catch (...) {
+        return QStringLiteral("?");
+    }
+}
 
 } // namespace
 
-TEST_F(SegmentUploaderTest, PresignPutCompleteWithNoTokenOnThePut) {
-    wait(uploader().upload(segment()));
-    EXPECT_EQ(routes(), (Routes{"presign", "put", "complete"}));
-    for (const auto& entry : server.requestLog()) {
-        if (entry.value("route", "") == "put") {
-            EXPECT_FALSE(entry.value("has_token", true));
-            EXPECT_EQ(entry.value("content_type", ""), "audio/aac");
-        }
-    }
-    // Uploading the same segment again: the server already has it.
-    const AudioSegment again = segment();
-    wait(uploader().upload(again));
+TEST_F(SegmentUploaderTest, PresignPutCompleteWithNoTokenOnThePutAndOnlyOnce) {
+    const AudioSegment segment{AudioChannel::local, 0, QUuid::createUuid(), adtsFrames(3)};
+    EXPECT_FALSE(upload(segment));
+    EXPECT_EQ(server.routes(), (Routes{"presign", "put", "complete"}));
+    const auto put = server.requestLog()[1];
+    EXPECT_FALSE(put.value("has_token", true));
+    EXPECT_EQ(put.value("content_type", ""), "audio/aac");
+    // The same segment again: the server already has it.
     server.resetLog();
-    wait(uploader().upload(again));
-    EXPECT_EQ(routes(), (Routes{"presign"}));
+    EXPECT_FALSE(upload(segment));
+    EXPECT_EQ(server.routes(), (Routes{"presign"}));
 }
 
-TEST_F(SegmentUploaderTest, RetriesRepeatFromThePresignWithTheSameChunk) {
+TEST_F(SegmentUploaderTest, RetriesRepeatFromThePresignWithTheSameChunkThenGiveUp) {
     server.fail("put", 1, 503, "<Error><Code>SlowDown</Code></Error>");
-    wait(uploader().upload(segment()));
-    EXPECT_EQ(routes(), (Routes{"presign", "put", "presign", "put", "complete"}));
-    const auto chunks = chunkIDs();
-    ASSERT_EQ(chunks.size(), 2u);
-    EXPECT_EQ(chunks[0], chunks[1]);
+    EXPECT_FALSE(upload());
+    EXPECT_EQ(server.routes(), (Routes{"presign", "put", "presign", "put", "complete"}));
+    const auto log = server.requestLog();
+    ASSERT_TRUE(log[0]["body"]["chunk_uuid"].is_string());
+    EXPECT_EQ(log[0]["body"]["chunk_uuid"], log[2]["body"]["chunk_uuid"]);
     EXPECT_EQ(pauses, (std::vector<double>{0.4}));
-}
 
-TEST_F(SegmentUploaderTest, ThreeTransportFailuresPauseTwiceThenThrowTheThird) {
+    // Three transport failures: two pauses, then the third failure is thrown.
+    server.resetLog();
+    pauses.clear();
     server.drop("presign", 100);
-    const auto error = failureOf(uploader().upload(segment()));
+    const auto error = upload();
     ASSERT_TRUE(error);
     EXPECT_THROW(std::rethrow_exception(error), URLError);
     EXPECT_EQ(pauses, (std::vector<double>{0.4, 0.8}));
     // Qt sends a request once more by itself when a reused keep-alive connection
     // closes before any answer, so the server may see a fourth presign.
-    const auto seen = routes();
-    EXPECT_GE(seen.size(), 3u);
-    EXPECT_LE(seen.size(), 4u);
+    EXPECT_GE(server.routes().size(), 3u);
+    EXPECT_LE(server.routes().size(), 4u);
 }
 
 TEST_F(SegmentUploaderTest, RefusalsEndTheAttemptsAtOnce) {
     struct Case {
-        const char* name;
         const char* route;
         int status;
         const char* body;
         const char* words; // empty: an HTTPFailure is expected
     };
     const Case cases[] = {
-        {"method", "presign", 200,
+        {"presign", 200,
          R"({"state":"pending","segment_id":"s1","upload_url":"http://127.0.0.1:9/x","method":"POST"})",
          "The storage service did not request PUT — fix the presign method and retry."},
-        {"insecure", "presign", 200,
+        {"presign", 200,
          R"({"state":"pending","segment_id":"s1","upload_url":"http://10.1.2.3/x"})",
          "The upload URL is insecure — configure HTTPS storage and retry."},
-        {"missing url", "presign", 200, R"({"state":"pending","segment_id":"s1"})",
+        {"presign", 200, R"({"state":"pending","segment_id":"s1"})",
          "The server response is missing upload_url — check the server version and retry."},
-        {"not found", "complete", 404, R"({"error":{"code":"not_found","message":"gone"}})", ""},
-        {"signed out", "presign", 401, R"({"error":{"code":"session_expired"}})", ""},
+        {"complete", 404, R"({"error":{"code":"not_found","message":"gone"}})", ""},
+        {"presign", 401, R"({"error":{"code":"session_expired"}})", ""},
+        {"complete", 200, R"({"recording_state":"stopped"})",
+         "The server stopped this recording — open the call in your browser to review the saved "
+         "audio."},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        server.resetLog();
+        SCOPED_TRACE(c.body);
         pauses.clear();
         server.fail(c.route, 1, c.status, c.body);
-        const auto error = failureOf(uploader().upload(segment()));
+        const auto error = upload();
         ASSERT_TRUE(error);
         if (*c.words) {
-            EXPECT_EQ(failureText(error), QString::fromUtf8(c.words));
+            EXPECT_EQ(wordsOf(error), QString::fromUtf8(c.words));
         } else {
             EXPECT_THROW(std::rethrow_exception(error), HTTPFailure);
         }
         EXPECT_TRUE(pauses.empty()) << "no second attempt";
     }
-}
 
-TEST_F(SegmentUploaderTest, RecordingStoppedAfterTheBytesWereAcceptedStillFails) {
-    server.fail("complete", 1, 200, R"({"recording_state":"stopped"})");
-    const auto error = failureOf(uploader().upload(segment()));
-    EXPECT_EQ(failureText(error), "The server stopped this recording — open the call in your "
-                                  "browser to review the saved audio.");
-    EXPECT_TRUE(pauses.empty());
-
-    // Once the server has stopped it, a presign of the recording is refused.
+    // Once the server has stopped the recording, its presign is refused.
     server.stopRecording(meeting.toStdString());
     server.resetLog();
-    EXPECT_TRUE(failureOf(uploader().upload(segment())));
-    EXPECT_EQ(routes(), (Routes{"presign"}));
+    EXPECT_TRUE(upload());
+    EXPECT_EQ(server.routes(), (Routes{"presign"}));
 }
 
 TEST_F(SegmentUploaderTest, CancellationDuringThePauseSendsNothingMore) {
@@ -176,7 +145,7 @@ TEST_F(SegmentUploaderTest, CancellationDuringThePauseSendsNothingMore) {
                                    cancel.cancel();
                                    co_await sleepFor(10, t);
                                });
-    const auto error = failureOf(cancelling.upload(segment(), cancel));
-    EXPECT_THROW(std::rethrow_exception(error), Cancelled);
-    EXPECT_EQ(routes(), (Routes{"presign"}));
+    const AudioSegment segment{AudioChannel::remote, 0, QUuid::createUuid(), adtsFrames(3)};
+    EXPECT_THROW(std::rethrow_exception(failureOf(cancelling.upload(segment, cancel))), Cancelled);
+    EXPECT_EQ(server.routes(), (Routes{"presign"}));
 }

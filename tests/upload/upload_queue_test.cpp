@@ -24,11 +24,7 @@ AudioSegment segment(AudioChannel channel, qint64 sequence, qsizetype size = 100
 // flight until the test lets it go.
 class ScriptedUploads {
 public:
-    struct Call {
-        AudioChannel channel;
-        qint64 sequence;
-    };
-    std::vector<Call> calls;
+    std::map<AudioChannel, std::vector<qint64>> calls; // sequences tried, in order
     std::map<AudioChannel, std::deque<std::exception_ptr>> failures;
     std::map<AudioChannel, bool> holding;
 
@@ -49,7 +45,7 @@ public:
 
 private:
     Task<void> run(AudioSegment s, CancellationToken token) {
-        calls.push_back({s.channel, s.sequence});
+        calls[s.channel].push_back(s.sequence);
         while (holding[s.channel]) {
             co_await sleepFor(0.001, token);
         }
@@ -62,10 +58,7 @@ private:
     }
 };
 
-std::exception_ptr serverDown() {
-    return std::make_exception_ptr(HTTPFailure(503, QString(), QStringLiteral("/presign")));
-}
-std::exception_ptr refusedSignIn(int status = 401) {
+std::exception_ptr refused(int status) {
     return std::make_exception_ptr(HTTPFailure(status, QString(), QStringLiteral("/presign")));
 }
 
@@ -90,16 +83,6 @@ protected:
         test::wait(sleepFor(0.01));
         FakeClock::settle();
     }
-
-    std::vector<qint64> sequencesOf(AudioChannel channel) const {
-        std::vector<qint64> out;
-        for (const auto& call : uploads.calls) {
-            if (call.channel == channel) {
-                out.push_back(call.sequence);
-            }
-        }
-        return out;
-    }
 };
 
 } // namespace
@@ -111,13 +94,13 @@ TEST_F(UploadQueueTest, UploadsEachChannelInOrderAndCountsConfirmations) {
     queue->enqueue(segment(AudioChannel::remote, 0));
     queue->enqueue(segment(AudioChannel::remote, 1));
     FakeClock::settle();
-    EXPECT_EQ(sequencesOf(AudioChannel::local), (std::vector<qint64>{0, 1, 2}));
-    EXPECT_EQ(sequencesOf(AudioChannel::remote), (std::vector<qint64>{0, 1}));
+    EXPECT_EQ(uploads.calls[AudioChannel::local], (std::vector<qint64>{0, 1, 2}));
+    EXPECT_EQ(uploads.calls[AudioChannel::remote], (std::vector<qint64>{0, 1}));
     EXPECT_EQ(queue->status(), (UploadStatus{3, 2, 0, std::nullopt}));
 }
 
 TEST_F(UploadQueueTest, BackOffDoublesToThirtyAndOneSuccessResetsIt) {
-    uploads.failNext(AudioChannel::local, serverDown(), 6);
+    uploads.failNext(AudioChannel::local, refused(503), 6);
     queue->enqueue(segment(AudioChannel::local, 0));
     FakeClock::settle();
     EXPECT_EQ(queue->status().error, "Uploads paused — retrying in 2s");
@@ -131,7 +114,7 @@ TEST_F(UploadQueueTest, BackOffDoublesToThirtyAndOneSuccessResetsIt) {
     EXPECT_EQ(queue->status().error, std::nullopt);
 
     // The series starts again from 2 after that success.
-    uploads.failNext(AudioChannel::local, serverDown());
+    uploads.failNext(AudioChannel::local, refused(503));
     queue->enqueue(segment(AudioChannel::local, 1));
     FakeClock::settle();
     EXPECT_EQ(clock.sleeps.back(), 2);
@@ -139,57 +122,33 @@ TEST_F(UploadQueueTest, BackOffDoublesToThirtyAndOneSuccessResetsIt) {
     EXPECT_EQ(queue->status().local, 2);
 }
 
-TEST_F(UploadQueueTest, FirstTrySuccessNeverShowsResumed) {
-    queue->enqueue(segment(AudioChannel::local, 0));
-    FakeClock::settle();
-    EXPECT_EQ(queue->status().error, std::nullopt);
-}
-
-TEST_F(UploadQueueTest, ChannelsBackOffIndependently) {
-    uploads.failNext(AudioChannel::local, serverDown());
-    queue->enqueue(segment(AudioChannel::local, 0));
-    FakeClock::settle();
-    ASSERT_EQ(uploads.calls.size(), 1u);
-
-    // A waiting channel isn't started by new segments; the other channel is.
-    queue->enqueue(segment(AudioChannel::local, 1));
-    queue->enqueue(segment(AudioChannel::remote, 0));
-    FakeClock::settle();
-    EXPECT_EQ(sequencesOf(AudioChannel::local), (std::vector<qint64>{0}));
-    EXPECT_EQ(sequencesOf(AudioChannel::remote), (std::vector<qint64>{0}));
-
-    clock.advance(2);
-    EXPECT_EQ(sequencesOf(AudioChannel::local), (std::vector<qint64>{0, 0, 1}));
-    EXPECT_EQ(queue->status(), (UploadStatus{2, 1, 0, QStringLiteral("Uploads resumed")}));
-}
-
-TEST_F(UploadQueueTest, StatusShowsTheSoonestRetryRoundedUp) {
-    uploads.failNext(AudioChannel::local, serverDown());
-    uploads.failNext(AudioChannel::remote, serverDown(), 4); // waits 2, 4, 8, then 16
+TEST_F(UploadQueueTest, ChannelsBackOffIndependentlyAndStatusShowsTheSoonestRetry) {
+    uploads.failNext(AudioChannel::remote, refused(503), 4); // waits 2, 4, 8, then 16
     queue->enqueue(segment(AudioChannel::remote, 0));
     FakeClock::settle();
     clock.advance(2 + 4 + 8, 0.5);
-    // remote is now due in 16; local fails now and is due in 2.
-    clock.now += 0.8;
+    // local fails now and waits 2; a new segment doesn't start a waiting channel.
+    uploads.failNext(AudioChannel::local, refused(503));
     queue->enqueue(segment(AudioChannel::local, 0));
+    queue->enqueue(segment(AudioChannel::local, 1));
     FakeClock::settle();
-    clock.now += 0.8; // local due in 1.2
+    EXPECT_EQ(uploads.calls[AudioChannel::local], (std::vector<qint64>{0}));
+    clock.now += 0.8; // local due in 1.2, remote in 15.2
     EXPECT_EQ(queue->status().error, "Uploads paused — retrying in 2s");
     clock.now += 1.5; // late: never below zero
     EXPECT_EQ(queue->status().error, "Uploads paused — retrying in 0s");
+    clock.advance(0.05);
+    EXPECT_EQ(uploads.calls[AudioChannel::local], (std::vector<qint64>{0, 0, 1}));
+    EXPECT_EQ(uploads.calls[AudioChannel::remote].size(), 4u) << "still waiting its 16 s";
+    EXPECT_EQ(queue->status().local, 2);
 }
 
 TEST_F(UploadQueueTest, MemoryBoundIsExactAndKeepsTheSegmentThatPassedIt) {
     queue->pauseForSignIn(HTTPFailure(401, QString(), QStringLiteral("/")));
     queue->enqueue(segment(AudioChannel::local, 0, UploadQueue::memoryLimit - 10));
     queue->enqueue(segment(AudioChannel::remote, 0, 10)); // exactly at the limit
-    try {
-        queue->enqueue(segment(AudioChannel::remote, 1, 1));
-        FAIL() << "one byte over the limit must fail";
-    } catch (const TesselError& error) {
-        EXPECT_TRUE(
-            error.message().startsWith("Audio uploads have filled the 64 MB memory buffer"));
-    }
+    EXPECT_THROW(queue->enqueue(segment(AudioChannel::remote, 1, 1)), TesselError)
+        << "one byte over the limit";
     EXPECT_EQ(queue->status().pending, 3);
 }
 
@@ -197,7 +156,7 @@ TEST_F(UploadQueueTest, SignInRefusalPausesEverythingAndLosesNothing) {
     uploads.holding[AudioChannel::remote] = true;
     queue->enqueue(segment(AudioChannel::remote, 0));
     FakeClock::settle();
-    uploads.failNext(AudioChannel::local, refusedSignIn(403));
+    uploads.failNext(AudioChannel::local, refused(403));
     queue->enqueue(segment(AudioChannel::local, 0));
     queue->enqueue(segment(AudioChannel::local, 1));
     FakeClock::settle();
@@ -208,43 +167,25 @@ TEST_F(UploadQueueTest, SignInRefusalPausesEverythingAndLosesNothing) {
     queue->enqueue(segment(AudioChannel::remote, 1));
     uploads.release(AudioChannel::remote);
     EXPECT_EQ(queue->status().remote, 1);
-    EXPECT_EQ(sequencesOf(AudioChannel::remote), (std::vector<qint64>{0}));
+    EXPECT_EQ(uploads.calls[AudioChannel::remote], (std::vector<qint64>{0}));
     EXPECT_EQ(queue->status().pending, 3);
 
     // flush during the pause throws the stored refusal, not the leftover text.
-    try {
-        test::wait(queue->flush());
-        FAIL();
-    } catch (const HTTPFailure& failure) {
-        EXPECT_EQ(failure.status, 403);
-    }
+    EXPECT_THROW(test::wait(queue->flush()), HTTPFailure);
 
     test::wait(queue->resumeAfterSignIn());
     FakeClock::settle();
     EXPECT_EQ(queue->status().pending, 3) << "resuming alone starts nothing";
     queue->retryPending();
     FakeClock::settle();
-    EXPECT_EQ(sequencesOf(AudioChannel::local), (std::vector<qint64>{0, 0, 1}));
+    EXPECT_EQ(uploads.calls[AudioChannel::local], (std::vector<qint64>{0, 0, 1}));
     EXPECT_EQ(queue->status(), (UploadStatus{2, 2, 0, std::nullopt}));
-}
-
-TEST_F(UploadQueueTest, BothDrainsMeetingARefusalTellTheOwnerTwice) {
-    uploads.holding[AudioChannel::local] = true;
-    uploads.holding[AudioChannel::remote] = true;
-    uploads.failNext(AudioChannel::local, refusedSignIn());
-    uploads.failNext(AudioChannel::remote, refusedSignIn());
-    queue->enqueue(segment(AudioChannel::local, 0));
-    queue->enqueue(segment(AudioChannel::remote, 0));
-    FakeClock::settle();
-    uploads.release(AudioChannel::local);
-    uploads.release(AudioChannel::remote);
-    EXPECT_EQ(told.size(), 2u);
 }
 
 TEST_F(UploadQueueTest, FlushMakesOneLastEffortAndReportsWhatIsLeft) {
     test::wait(queue->flush()); // nothing held: returns at once
 
-    uploads.failNext(AudioChannel::remote, serverDown(), 1);
+    uploads.failNext(AudioChannel::remote, refused(503), 1);
     uploads.failNext(AudioChannel::local,
                      std::make_exception_ptr(TesselError(QStringLiteral("b local broke"))), 2);
     queue->enqueue(segment(AudioChannel::local, 0));
