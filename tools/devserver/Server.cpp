@@ -391,16 +391,18 @@ void Server::handle(const httplib::Request& request, httplib::Response& response
     }
 
     if (fault && fault->mode == Fault::Mode::drop) {
-        // The work is done; the answer is lost on the way.
+        // The work is done; the answer is lost on the way. Logged before the
+        // drop, since the client reacts to it at once and its next request
+        // must come after this one in the log.
         entry["status"] = "dropped";
         entry["answer"] = response.status;
+        log_->append(std::move(entry));
         if (!dropConnection(request)) {
             std::fprintf(stderr, "velmora-devserver: could not find the connection to drop\n");
-            entry["drop_failed"] = true;
         }
-    } else {
-        entry["status"] = response.status;
+        return;
     }
+    entry["status"] = response.status;
     log_->append(std::move(entry));
 }
 
