@@ -4,6 +4,7 @@
 // output, and a missing server or device must fail in words with nothing left
 // running.
 #include "AudioTestSupport.h"
+#include "Child.h"
 
 #include "audio/AudioCapture.h"
 #include "errors/ErrorPresentation.h"
@@ -12,13 +13,15 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QProcess>
+#include <QFile>
+#include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <map>
 #include <memory>
 #include <optional>
@@ -49,28 +52,27 @@ public:
         }
         QProcessEnvironment daemonEnvironment = environment();
         daemonEnvironment.remove("PULSE_SERVER");
-        daemon_.setProcessEnvironment(daemonEnvironment);
-        daemon_.setProcessChannelMode(QProcess::MergedChannels);
-        daemon_.start("pulseaudio", arguments);
+        const QString log = directory_.filePath("daemon.log");
+        daemon_ = std::make_unique<Child>("pulseaudio", arguments, daemonEnvironment.toStringList(),
+                                          log, log);
         // Ready when it answers, not after a fixed sleep.
         const QDeadlineTimer deadline(15000);
-        while (daemon_.waitForStarted(10000) && !deadline.hasExpired()) {
+        while (daemon_->running() && !deadline.hasExpired()) {
             if (run("pactl", {"info"}, 5000)) {
                 return;
             }
             QThread::msleep(50);
         }
-        ADD_FAILURE() << "pulseaudio did not come up: " << daemon_.readAll().toStdString();
+        QFile text(log);
+        text.open(QIODevice::ReadOnly);
+        ADD_FAILURE() << "pulseaudio did not come up: " << text.readAll().toStdString();
     }
     ~PrivatePulse() {
-        for (auto& player : players_) {
-            player->kill();
-            player->waitForFinished(5000);
-        }
-        daemon_.terminate(); // SIGTERM to its PID
-        if (!daemon_.waitForFinished(5000)) {
-            daemon_.kill();
-            daemon_.waitForFinished(5000);
+        players_.clear(); // killed and reaped
+        daemon_->signal(SIGTERM);
+        if (!daemon_->waitFor(5000)) {
+            daemon_->signal(SIGKILL);
+            daemon_->waitFor(5000);
         }
     }
     PrivatePulse(const PrivatePulse&) = delete;
@@ -88,14 +90,14 @@ public:
     // Runs a client of this daemon to its end; its standard output, if it succeeded.
     std::optional<QString> run(const QString& program, const QStringList& arguments,
                                int milliseconds = 30000) const {
-        QProcess process;
-        process.setProcessEnvironment(environment());
-        process.start(program, arguments);
-        if (!process.waitForFinished(milliseconds) ||
-            process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
+        const QString output = directory_.filePath(QString("run-%1.out").arg(++runs_));
+        Child child(program, arguments, environment().toStringList(), output);
+        if (child.waitFor(milliseconds) != 0) {
             return std::nullopt;
         }
-        return QString::fromUtf8(process.readAllStandardOutput());
+        QFile file(output);
+        file.open(QIODevice::ReadOnly);
+        return QString::fromUtf8(file.readAll());
     }
     // pactl against this daemon; a failure of the test when it fails.
     QString pactl(const QStringList& arguments) const {
@@ -104,11 +106,10 @@ public:
         return out.value_or(QString());
     }
     // Starts paplay of `file` into `sink`; it ends when the sound has been played.
-    QProcess& play(const QString& sink, const QString& file) {
-        auto& player = players_.emplace_back(std::make_unique<QProcess>());
-        player->setProcessEnvironment(environment());
-        player->start("paplay", {"-d", sink, file});
-        EXPECT_TRUE(player->waitForStarted(10000));
+    Child& play(const QString& sink, const QString& file) {
+        auto& player = players_.emplace_back(std::make_unique<Child>(
+            "paplay", QStringList{"-d", sink, file}, environment().toStringList()));
+        EXPECT_TRUE(player->started());
         return *player;
     }
     // A WAV of `text` spoken by espeak-ng, in this daemon's directory.
@@ -120,8 +121,9 @@ public:
 
 private:
     QTemporaryDir directory_;
-    QProcess daemon_;
-    std::vector<std::unique_ptr<QProcess>> players_;
+    std::unique_ptr<Child> daemon_;
+    std::vector<std::unique_ptr<Child>> players_;
+    mutable int runs_ = 0;
 };
 
 // Speakers and a microphone, the defaults, and a headset to switch to.
@@ -171,9 +173,9 @@ public:
 
     Span play(const QString& sink, const QString& file) {
         const double from = clock_.elapsed() / 1000.0;
-        QProcess& player = pulse_.play(sink, file);
-        readUntil([&player] { return player.state() == QProcess::NotRunning; }, 30000);
-        EXPECT_EQ(player.exitCode(), 0) << player.readAllStandardError().toStdString();
+        Child& player = pulse_.play(sink, file);
+        readUntil([&player] { return !player.running(); }, 30000);
+        EXPECT_EQ(player.waitFor(0), 0) << "paplay";
         return {from, clock_.elapsed() / 1000.0};
     }
 

@@ -31,8 +31,9 @@ ChaosResult runChaos(unsigned seed) {
     DevServer server;
     auto token = std::make_shared<QString>(QStringLiteral("vses_chaos_1"));
     auto audio = std::make_shared<ScriptedAudioControl>();
-    // Short limits so a stalled answer ends the request quickly.
-    HTTPClient http(std::make_shared<HTTPSession>(HTTPSession::Options{0.5, 2.0, {}}));
+    // Short limits so a stalled answer ends the request quickly, yet long enough
+    // for a sanitizer build's first request.
+    HTTPClient http(std::make_shared<HTTPSession>(HTTPSession::Options{1.5, 5.0, {}}));
     MeetAPI api(
         QUrl(QString::fromStdString(server.meetBase())),
         [token] { return std::optional<QString>(*token); }, http);
@@ -58,7 +59,7 @@ ChaosResult runChaos(unsigned seed) {
             server.drop(route, 1); // the server acts, the answer is lost
             break;
         case 2:
-            server.delay(route, 1, 1500); // past the client's 0.5 s limit
+            server.delay(route, 1, 2500); // past the client's 1.5 s limit
             break;
         default:
             break;

@@ -103,7 +103,7 @@ std::pair<std::string, int> endpoint(const sockaddr_storage& address, socklen_t 
 
 // httplib keeps the sockets of its connections to itself, so they are found
 // among the process's descriptors by their local port; `peer` tells which.
-std::vector<int> connections(int localPort,
+std::vector<int> socketsOnPort(int localPort,
                              const std::optional<std::pair<std::string, int>>& peer) {
     std::vector<int> out;
     std::error_code error;
@@ -240,7 +240,7 @@ void Server::stop() {
     // httplib's workers wait out a keep-alive connection (five seconds) before
     // they notice the stop; ending the connections lets them go at once.
     if (port_ > 0) {
-        for (int fd : connections(port_, std::nullopt)) {
+        for (int fd : socketsOnPort(port_, std::nullopt)) {
             ::shutdown(fd, SHUT_RDWR);
         }
     }
@@ -517,7 +517,7 @@ bool Server::dropConnection(const httplib::Request& request) const {
     if (request.ssl) {
         found.push_back(SSL_get_fd(request.ssl));
     } else {
-        found = connections(port_, std::pair{request.remote_addr, request.remote_port});
+        found = socketsOnPort(port_, std::pair{request.remote_addr, request.remote_port});
     }
     const int fd = found.empty() ? -1 : found.front();
     // Shutting the socket down, not closing it: httplib still owns the descriptor
