@@ -104,7 +104,7 @@ std::pair<std::string, int> endpoint(const sockaddr_storage& address, socklen_t 
 // httplib keeps the sockets of its connections to itself, so they are found
 // among the process's descriptors by their local port; `peer` tells which.
 std::vector<int> socketsOnPort(int localPort,
-                             const std::optional<std::pair<std::string, int>>& peer) {
+                               const std::optional<std::pair<std::string, int>>& peer) {
     std::vector<int> out;
     std::error_code error;
     for (const auto& entry : fs::directory_iterator("/proc/self/fd", error)) {
