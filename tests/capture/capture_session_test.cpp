@@ -89,7 +89,12 @@ TEST_F(CaptureSessionTest, FirstStartAndStopHoldTheExactConversation) {
     EXPECT_EQ(session->state(), CaptureState::listening);
     EXPECT_EQ(audio->prepared, 1);
     EXPECT_EQ(audio->begun, 1);
-    EXPECT_EQ(routes(), (Routes{"create", "consent", "start", "ack", "join", "request"}));
+    // Only the monitor's ownership polls may follow.
+    Routes opening = routes();
+    while (!opening.empty() && opening.back() == "snapshot") {
+        opening.pop_back();
+    }
+    EXPECT_EQ(opening, (Routes{"create", "consent", "start", "ack", "join", "request"}));
 
     emitSegments(2);
     ASSERT_TRUE(uploaded(2, 2));
@@ -97,7 +102,12 @@ TEST_F(CaptureSessionTest, FirstStartAndStopHoldTheExactConversation) {
     wait(session->stop());
     EXPECT_EQ(session->state(), CaptureState::finished);
     EXPECT_FALSE(session->error());
-    EXPECT_EQ(routesSince(beforeStop), (Routes{"snapshot", "manifest", "stop", "end"}));
+    // The monitor's ownership poll may have read a snapshot just before.
+    Routes closing = routesSince(beforeStop);
+    while (closing.size() > 1 && closing[0] == "snapshot" && closing[1] == "snapshot") {
+        closing.erase(closing.begin());
+    }
+    EXPECT_EQ(closing, (Routes{"snapshot", "manifest", "stop", "end"}));
 
     // Both tracks are on disk, in sequence, byte for byte as the source made them.
     const QString meeting = *session->meetingID();
@@ -293,7 +303,7 @@ TEST_F(CaptureSessionTest, StopWhoseRequestsWereLostAfterTheServerActedStillClos
     EXPECT_EQ(session->state(), CaptureState::finished);
     EXPECT_FALSE(session->error());
     const auto sent = routesSince(before);
-    EXPECT_EQ(std::count(sent.begin(), sent.end(), "snapshot"), 2)
+    EXPECT_GE(std::count(sent.begin(), sent.end(), "snapshot"), 2)
         << "one for ownership, one to learn the stop happened";
     EXPECT_EQ(sent.back(), "read") << "the call is read to learn it ended";
     EXPECT_EQ(server.state()["meetings"][0]["status"], "ended");
