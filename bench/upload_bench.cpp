@@ -3,7 +3,7 @@
 //     (median and p99 over sequential segments of ten seconds of audio);
 //  2. how fast a backlog of 1,000 segments drains once an outage ends.
 // Run on demand: build/bin/bench_upload [segments-for-latency]
-#include "capture/MeetAPI.h"
+#include "meet/MeetAPI.h"
 #include "upload/SegmentUploader.h"
 #include "upload/UploadQueue.h"
 

@@ -9,7 +9,7 @@
 #pragma once
 
 #include "capture/CaptureAudio.h"
-#include "capture/MeetAPI.h"
+#include "meet/MeetAPI.h"
 #include "errors/ErrorPresentation.h"
 #include "upload/UploadQueue.h"
 

@@ -3,7 +3,7 @@
 // retrying belongs to the queue above.
 #pragma once
 
-#include "capture/MeetAPI.h"
+#include "meet/MeetAPI.h"
 #include "upload/AudioSegment.h"
 
 namespace tessel {

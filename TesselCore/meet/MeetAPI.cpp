@@ -1,4 +1,4 @@
-#include "capture/MeetAPI.h"
+#include "meet/MeetAPI.h"
 
 #include "errors/ErrorLog.h"
 #include "net/HTTPFailure.h"
