@@ -1,0 +1,55 @@
+// What velmora-faketool answers, read from a scenario file (JSON):
+//
+//   {
+//     "log": "/tmp/runs.jsonl",               where each run is logged (optional)
+//     "runs": [                                the first entry that matches answers
+//       {
+//         "tool": "vantor-accounts",           the name it was started under (optional)
+//         "args": ["--tsv", "status"],         exactly these arguments (optional)
+//         "args_prefix": ["use"],              or arguments that begin so (optional)
+//         "steps": [                           done in order
+//           {"stdout": "text"}, {"stderr": "text", "repeat": 1024},
+//           {"stdout_hex": "ff0a"}, {"sleep": 0.25}
+//         ],
+//         "exit": 0,                           the exit status (default 0)
+//         "signal": 15                         or end by this signal
+//       }
+//     ]
+//   }
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace faketool {
+
+struct Step {
+    enum class Kind { write, sleep };
+    Kind kind = Kind::write;
+    int fd = 1;         // write: 1 or 2
+    std::string bytes;  // write: what, once
+    long repeat = 1;    // write: how many times
+    double seconds = 0; // sleep
+};
+
+struct Answer {
+    std::vector<Step> steps;
+    int exitStatus = 0;
+    std::optional<int> signal;
+};
+
+struct Scenario {
+    std::string logPath;
+    nlohmann::json runs = nlohmann::json::array();
+
+    // Throws std::runtime_error with a readable reason for a malformed file.
+    static Scenario load(const std::string& path);
+    // The answer for one run, or none when no entry matches.
+    std::optional<Answer> answer(const std::string& tool,
+                                 const std::vector<std::string>& arguments) const;
+};
+
+} // namespace faketool
