@@ -1,0 +1,259 @@
+// Helper tools: installation by content, the lookup of a tool, its PATH, and
+// the model the strip observes.
+#include "tools/HelperInstaller.h"
+#include "tools/HelpersModel.h"
+
+#include "errors/ErrorLog.h"
+#include "errors/Failures.h"
+#include "support/Wait.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <mutex>
+
+using namespace tessel;
+using namespace Qt::StringLiterals;
+
+namespace {
+
+void put(const QString& path, const QByteArray& bytes, QFile::Permissions mode = {}) {
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.toStdString();
+    file.write(bytes);
+    file.close();
+    if (mode) {
+        file.setPermissions(mode);
+    }
+}
+
+struct stat facts(const QString& path) {
+    struct stat st {};
+    ::stat(QFile::encodeName(path).constData(), &st);
+    return st;
+}
+
+unsigned modeOf(const QString& path) {
+    return facts(path).st_mode & 07777;
+}
+
+class HelperInstallerTest : public ::testing::Test {
+protected:
+    QTemporaryDir bundle, data;
+    QStringList logged;
+    std::mutex mutex;
+    log::ScopedSink sink{[this](log::Level level, const char* category, const QString& text) {
+        std::lock_guard lock(mutex);
+        if (level == log::Level::info && QByteArray(category) == "helpers") {
+            logged << text;
+        }
+    }};
+
+    void SetUp() override {
+        for (const QString& name : HelperInstaller::names) {
+            put(bundle.filePath(name), "#!/bin/sh\necho " + name.toUtf8() + "\n");
+        }
+        put(bundle.filePath(u"VERSION"_s), "1.2.3\n");
+    }
+
+    QString installed(const QString& name) const {
+        return HelperInstaller::directory(data.path()) + u'/' + name;
+    }
+
+    // The run's failure text, or empty; what was logged.
+    QString install(std::optional<QString> from = {}) {
+        logged.clear();
+        HelperInstaller installer(from ? from : std::optional(bundle.path()), data.path());
+        try {
+            test::wait(installer.installIfNeeded());
+        } catch (const TesselError& error) {
+            return error.message();
+        }
+        return {};
+    }
+};
+
+TEST_F(HelperInstallerTest, KeepsTheBinDirectoryEqualToTheBundleByContent) {
+    EXPECT_EQ(install(), u""_s);
+    EXPECT_EQ(logged,
+              (QStringList{u"Installed helper meterly"_s, u"Installed helper meterly-alerts"_s,
+                           u"Installed helper vantor-accounts"_s,
+                           u"Installed helper vantor-accounts-serve.py"_s,
+                           u"Installed helper velmora-conductor-onboard"_s}));
+    EXPECT_EQ(modeOf(HelperInstaller::directory(data.path())), 0755u);
+    EXPECT_EQ(modeOf(installed(u"meterly"_s)), 0755u);
+    EXPECT_EQ(modeOf(installed(u"VERSION"_s)), 0644u);
+
+    // Unchanged: nothing written, nothing logged, drifted modes repaired.
+    ::chmod(QFile::encodeName(installed(u"vantor-accounts"_s)), 0700);
+    ::chmod(QFile::encodeName(installed(u"VERSION"_s)), 0600);
+    const struct stat before = facts(installed(u"vantor-accounts"_s));
+    EXPECT_EQ(install(), u""_s);
+    EXPECT_EQ(logged, QStringList());
+    EXPECT_EQ(facts(installed(u"vantor-accounts"_s)).st_ino, before.st_ino);
+    EXPECT_EQ(modeOf(installed(u"vantor-accounts"_s)), 0755u);
+    EXPECT_EQ(modeOf(installed(u"VERSION"_s)), 0644u);
+
+    // Edited by hand, with a leftover from an interrupted run beside it.
+    put(installed(u"meterly"_s), "edited");
+    put(installed(u"meterly.tmp"_s), "half", QFile::ReadOwner);
+    EXPECT_EQ(install(), u""_s);
+    EXPECT_EQ(logged, QStringList{u"Updated helper meterly"_s});
+    QFile meterly(installed(u"meterly"_s));
+    ASSERT_TRUE(meterly.open(QIODevice::ReadOnly));
+    EXPECT_EQ(meterly.readAll(), "#!/bin/sh\necho meterly\n");
+    EXPECT_FALSE(QFile::exists(installed(u"meterly.tmp"_s)));
+}
+
+TEST_F(HelperInstallerTest, AMissingSourceStopsAtItsName) {
+    QFile::remove(bundle.filePath(u"vantor-accounts"_s));
+    const QString directory = HelperInstaller::directory(data.path());
+    EXPECT_EQ(install(), u"Helpers could not be installed to "_s + directory + u": "_s +
+                             bundle.filePath(u"vantor-accounts"_s) +
+                             u": No such file or directory"_s);
+    EXPECT_EQ(QDir(directory).entryList(QDir::Files),
+              (QStringList{u"meterly"_s, u"meterly-alerts"_s}));
+
+    HelperInstaller none(std::nullopt, data.path());
+    const auto failure = test::failureOf(none.installIfNeeded());
+    ASSERT_TRUE(failure);
+    try {
+        std::rethrow_exception(failure);
+    } catch (const TesselError& error) {
+        EXPECT_EQ(error.message(), u"Helpers could not be installed to "_s + directory +
+                                       u": The app has no bundled helpers directory."_s);
+    }
+}
+
+TEST(HelperLookupTest, ResolveTriesTheOverrideAloneElseThePlacesInOrder) {
+    QTemporaryDir home;
+    const QString privateBin = home.filePath(u".local/share/Velmora/bin"_s);
+    for (const QString& dir :
+         {privateBin, home.filePath(u"bin"_s), home.filePath(u".local/bin"_s)}) {
+        QDir().mkpath(dir);
+    }
+    const auto tool = [](const QString& path, bool executable) {
+        put(path, "x", executable ? QFile::ReadOwner | QFile::ExeOwner : QFile::ReadOwner);
+    };
+    tool(home.filePath(u"bin/vantor-accounts"_s), true);
+    tool(home.filePath(u".local/bin/vantor-accounts"_s), true);
+    tool(privateBin + u"/vantor-accounts"_s, false);
+    tool(home.filePath(u"plain"_s), false);
+
+    const auto resolve = [&](std::optional<QString> override) {
+        QProcessEnvironment environment;
+        if (override) {
+            environment.insert(u"VANTOR_ACCOUNTS_BIN"_s, *override);
+        }
+        return HelperInstaller::resolve(u"vantor-accounts"_s, u"VANTOR_ACCOUNTS_BIN"_s, environment,
+                                        home.path())
+            .value_or(u"none"_s);
+    };
+    EXPECT_EQ(resolve(std::nullopt), home.filePath(u"bin/vantor-accounts"_s));
+    EXPECT_EQ(resolve(u""_s), u"none"_s);
+    EXPECT_EQ(resolve(home.filePath(u"plain"_s)), u"none"_s);
+    EXPECT_EQ(resolve(home.filePath(u".local/bin/vantor-accounts"_s)),
+              home.filePath(u".local/bin/vantor-accounts"_s));
+    tool(privateBin + u"/vantor-accounts"_s, true);
+    EXPECT_EQ(resolve(std::nullopt), privateBin + u"/vantor-accounts"_s);
+    QFile::remove(privateBin + u"/vantor-accounts"_s);
+    QFile::remove(home.filePath(u"bin/vantor-accounts"_s));
+    EXPECT_EQ(resolve(std::nullopt), home.filePath(u".local/bin/vantor-accounts"_s));
+}
+
+TEST(HelperLookupTest, EnvironmentReplacesPathAndKeepsTheRest) {
+    const QString data = u"/home/real/.local/share"_s;
+    const auto path = [&](const QProcessEnvironment& base) {
+        return HelperInstaller::environment(base, u"/home/real"_s, data).value(u"PATH"_s);
+    };
+    const QString fixed = u"/home/real/.local/share/Velmora/bin:/usr/bin:/bin:/usr/local/bin:"_s;
+
+    QProcessEnvironment empty;
+    EXPECT_EQ(HelperInstaller::environment(empty, u"/home/real"_s, data).keys(),
+              QStringList{u"PATH"_s});
+    EXPECT_EQ(path(empty), fixed + u"/home/real/bin:/home/real/.local/bin"_s);
+
+    QProcessEnvironment other;
+    other.insert(u"HOME"_s, u"/home/other"_s);
+    other.insert(u"PATH"_s, u"/opt/x"_s);
+    other.insert(u"LANG"_s, u"C.UTF-8"_s);
+    const QProcessEnvironment result = HelperInstaller::environment(other, u"/home/real"_s, data);
+    EXPECT_EQ(result.value(u"PATH"_s), fixed + u"/home/other/bin:/home/other/.local/bin"_s);
+    EXPECT_EQ(result.value(u"LANG"_s), u"C.UTF-8"_s);
+    EXPECT_EQ(result.value(u"HOME"_s), u"/home/other"_s);
+}
+
+// The model with a scripted installation and scripted tools.
+struct ModelRig {
+    int installs = 0;
+    std::optional<QString> installFailure;
+    ToolOutput python{u""_s, u""_s, 0};
+    std::optional<ToolOutput> packageTool;
+    HelpersModel model{{
+        [this]() -> Task<void> { return install(this); },
+        [this](QStringList, CancellationToken) -> Task<ToolOutput> { return answer(python); },
+        [this](QStringList, CancellationToken) -> Task<ToolOutput> {
+            if (!packageTool) {
+                return fail();
+            }
+            return answer(*packageTool);
+        },
+    }};
+
+    static Task<void> install(ModelRig* rig) {
+        ++rig->installs;
+        co_await sleepFor(0.01);
+        if (rig->installFailure) {
+            throw TesselError(*rig->installFailure);
+        }
+    }
+    static Task<ToolOutput> answer(ToolOutput output) { co_return output; }
+    static Task<ToolOutput> fail() {
+        throw ToolLaunchError(u"/usr/bin/pkcon"_s, u"No such file or directory"_s);
+        co_return {};
+    }
+    QString state() const {
+        return u"ready=%1 busy=%2 python=%3 error=%4"_s.arg(model.ready())
+            .arg(model.busy())
+            .arg(model.pythonMissing())
+            .arg(model.error().value_or(u"none"_s));
+    }
+};
+
+TEST(HelpersModelTest, InstallsThenChecksPythonAndKeepsFailuresAsText) {
+    ModelRig rig;
+    Task<void> first = rig.model.installIfNeeded();
+    EXPECT_EQ(rig.state(), u"ready=0 busy=1 python=0 error=none"_s);
+    test::wait(rig.model.installIfNeeded()); // ignored while busy
+    test::wait(std::move(first));
+    EXPECT_EQ(rig.installs, 1);
+    EXPECT_EQ(rig.state(), u"ready=1 busy=0 python=0 error=none"_s);
+
+    rig.python = {u""_s, u"not found"_s, 127};
+    test::wait(rig.model.installIfNeeded());
+    EXPECT_EQ(rig.state(), u"ready=0 busy=0 python=1 error=none"_s);
+
+    // A failed package install leaves both standing; a good one clears the
+    // error but doesn't look at Python again.
+    test::wait(rig.model.installPython());
+    EXPECT_EQ(rig.state(), u"ready=0 busy=0 python=1 error=/usr/bin/pkcon could not be started: "
+                           u"No such file or directory"_s);
+    rig.packageTool = ToolOutput{u"out"_s, u""_s, 4};
+    test::wait(rig.model.installPython());
+    EXPECT_EQ(rig.state(), u"ready=0 busy=0 python=1 error=out"_s);
+    rig.packageTool = ToolOutput{u""_s, u""_s, 0};
+    test::wait(rig.model.installPython());
+    EXPECT_EQ(rig.state(), u"ready=0 busy=0 python=1 error=none"_s);
+
+    rig.installFailure = u"Helpers could not be installed to /x: nope"_s;
+    test::wait(rig.model.installIfNeeded());
+    EXPECT_EQ(rig.state(),
+              u"ready=0 busy=0 python=0 error=Helpers could not be installed to /x: nope"_s);
+}
+
+} // namespace
