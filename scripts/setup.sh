@@ -11,6 +11,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   ffmpeg pulseaudio pulseaudio-utils espeak-ng sox
   dbus gnome-keyring curl ca-certificates openssl procps
+  unzip python3
 )
 
 sudo_cmd=()

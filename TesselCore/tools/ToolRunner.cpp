@@ -26,6 +26,7 @@ struct Run {
     QByteArray error;
     QByteArray pending; // output bytes not yet handed out as lines
     bool streaming = false;
+    bool merged = false;     // standard error arrives with the output
     bool discarding = false; // a line callback failed: output is read and dropped
     bool finished = false;
     bool cancelled = false;
@@ -45,7 +46,11 @@ struct Run {
             pending += chunk;
         }
     }
-    void readError() { error += process->readAllStandardError(); }
+    void readError() {
+        if (!merged) {
+            error += process->readAllStandardError();
+        }
+    }
 
     std::optional<QString> nextLine() {
         const auto newline = pending.indexOf('\n');
@@ -125,6 +130,7 @@ Task<ToolOutput> runTool(ToolInvocation invocation, CancellationToken token) {
     token.check();
     auto run = std::make_shared<Run>();
     run->streaming = static_cast<bool>(invocation.onLine);
+    run->merged = invocation.mergeErrorIntoOutput;
     QProcess& process = *run->process;
     process.setProgram(invocation.executable);
     process.setArguments(invocation.arguments);

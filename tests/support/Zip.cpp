@@ -1,0 +1,53 @@
+#include "support/Zip.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+
+#include <stdexcept>
+
+namespace tessel::test {
+
+namespace {
+
+const char* const script = R"(
+import base64, json, sys, zipfile
+with zipfile.ZipFile(sys.argv[1], "w") as archive:
+    for entry in json.loads(sys.argv[2]):
+        info = zipfile.ZipInfo(entry["name"])
+        info.external_attr = (0o100755 if entry["exec"] else 0o100644) << 16
+        archive.writestr(info, base64.b64decode(entry["data"]))
+)";
+
+} // namespace
+
+void writeZip(const QString& path, const std::vector<ZipEntry>& entries) {
+    QJsonArray list;
+    for (const ZipEntry& entry : entries) {
+        list.append(QJsonObject{{"name", entry.name},
+                                {"data", QString::fromLatin1(entry.content.toBase64())},
+                                {"exec", entry.executable}});
+    }
+    QProcess python;
+    python.setProcessChannelMode(QProcess::ForwardedChannels);
+    python.start("/usr/bin/python3",
+                 {"-c", script, path, QString::fromUtf8(QJsonDocument(list).toJson())});
+    if (!python.waitForFinished(60000) || python.exitCode() != 0) {
+        throw std::runtime_error("writeZip: python3 failed for " + path.toStdString());
+    }
+}
+
+std::vector<ZipEntry> appDir(const QString& name, const QString& bundleID) {
+    const QString dir = name + ".app/";
+    return {
+        {dir + "AppRun",
+         "#!/bin/sh\ncd \"$(dirname \"$0\")\" && printf '%s\\n' \"$@\" > arguments.tmp && "
+         "mv arguments.tmp arguments\n",
+         true},
+        {dir + bundleID + ".desktop",
+         "[Desktop Entry]\nType=Application\nName=" + name.toUtf8() + "\nExec=AppRun\n"},
+    };
+}
+
+} // namespace tessel::test
