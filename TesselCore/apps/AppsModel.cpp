@@ -52,7 +52,7 @@ void AppsModel::refreshStates() {
     emit changed();
 }
 
-Task<void> AppsModel::activate(const QString& id) {
+Task<void> AppsModel::activate(QString id) {
     const VelmoraApp* row = app(id);
     if (!row || installing_.contains(id)) {
         co_return;

@@ -45,7 +45,7 @@ public:
     void refreshStates();
     // A click on a row. Does nothing while that row's launch runs; the
     // returned task ends with the launch.
-    Task<void> activate(const QString& id);
+    Task<void> activate(QString id);
 
 signals:
     void changed();
