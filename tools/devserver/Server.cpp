@@ -1,6 +1,7 @@
 #include "Server.h"
 
 #include "Certificate.h"
+#include "Downloads.h"
 
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
@@ -325,6 +326,9 @@ void Server::handle(const httplib::Request& request, httplib::Response& response
     ++handledHere;
     if (request.path.starts_with("/_control/")) {
         control(request, response);
+        return;
+    }
+    if (serveDownload(options_.dataDir, request, response)) {
         return;
     }
     const double arrived = log_->now();
