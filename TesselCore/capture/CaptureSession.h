@@ -9,8 +9,8 @@
 #pragma once
 
 #include "capture/CaptureAudio.h"
-#include "meet/MeetAPI.h"
 #include "errors/ErrorPresentation.h"
+#include "meet/MeetAPI.h"
 #include "upload/UploadQueue.h"
 
 #include <QObject>
