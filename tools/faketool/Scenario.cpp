@@ -1,5 +1,8 @@
 #include "Scenario.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -21,11 +24,52 @@ std::string fromHex(const std::string& hex) {
     return bytes;
 }
 
-Step stepFrom(const json& entry) {
+std::string resolved(const std::string& directory, const std::string& path) {
+    return path.starts_with("/") || directory.empty() ? path : directory + "/" + path;
+}
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw std::runtime_error("cannot read " + path);
+    }
+    std::stringstream bytes;
+    bytes << file.rdbuf();
+    return bytes.str();
+}
+
+// ${--name}: the argument after "--name", or the content of a "--name-file".
+std::string expand(const std::string& text, const std::vector<std::string>& arguments) {
+    std::string result;
+    std::size_t at = 0;
+    for (;;) {
+        const auto open = text.find("${", at);
+        const auto close = open == std::string::npos ? open : text.find('}', open);
+        if (close == std::string::npos) {
+            return result + text.substr(at);
+        }
+        result += text.substr(at, open - at);
+        const std::string name = text.substr(open + 2, close - open - 2);
+        const auto given = std::find(arguments.begin(), arguments.end(), name);
+        if (given == arguments.end() || given + 1 == arguments.end()) {
+            throw std::runtime_error("no argument " + name + " to expand");
+        }
+        result += name.ends_with("-file") ? contentOf(*(given + 1)) : *(given + 1);
+        at = close + 1;
+    }
+}
+
+Step stepFrom(const json& entry, const std::vector<std::string>& arguments,
+              const std::string& directory) {
     Step step;
     if (entry.contains("sleep")) {
         step.kind = Step::Kind::sleep;
         step.seconds = entry.at("sleep").get<double>();
+        return step;
+    }
+    if (entry.contains("touch")) {
+        step.kind = Step::Kind::touch;
+        step.path = resolved(directory, entry.at("touch").get<std::string>());
         return step;
     }
     const std::pair<const char*, int> texts[] = {{"stdout", 1}, {"stderr", 2}};
@@ -39,14 +83,31 @@ Step stepFrom(const json& entry) {
         } else {
             continue;
         }
+        if (entry.value("expand", false)) {
+            step.bytes = expand(step.bytes, arguments);
+        }
         step.repeat = entry.value("repeat", 1L);
         return step;
     }
-    throw std::runtime_error("a step needs stdout, stderr, stdout_hex, stderr_hex or sleep: " +
-                             entry.dump());
+    throw std::runtime_error(
+        "a step needs stdout, stderr, stdout_hex, stderr_hex, sleep or touch: " + entry.dump());
 }
 
-bool matches(const json& run, const std::string& tool, const std::vector<std::string>& arguments) {
+bool exists(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+bool matches(const json& run, const std::string& tool, const std::vector<std::string>& arguments,
+             const std::string& directory) {
+    if (run.contains("when_file") &&
+        !exists(resolved(directory, run.at("when_file").get<std::string>()))) {
+        return false;
+    }
+    if (run.contains("unless_file") &&
+        exists(resolved(directory, run.at("unless_file").get<std::string>()))) {
+        return false;
+    }
     if (run.contains("tool") && run.at("tool").get<std::string>() != tool) {
         return false;
     }
@@ -75,6 +136,8 @@ Scenario Scenario::load(const std::string& path) {
     const json document = json::parse(text.str());
     Scenario scenario;
     scenario.logPath = document.value("log", std::string());
+    const auto slash = path.rfind('/');
+    scenario.directory = slash == std::string::npos ? "." : path.substr(0, slash);
     if (document.contains("runs")) {
         scenario.runs = document.at("runs");
     }
@@ -84,12 +147,12 @@ Scenario Scenario::load(const std::string& path) {
 std::optional<Answer> Scenario::answer(const std::string& tool,
                                        const std::vector<std::string>& arguments) const {
     for (const json& run : runs) {
-        if (!matches(run, tool, arguments)) {
+        if (!matches(run, tool, arguments, directory)) {
             continue;
         }
         Answer answer;
         for (const json& entry : run.value("steps", json::array())) {
-            answer.steps.push_back(stepFrom(entry));
+            answer.steps.push_back(stepFrom(entry, arguments, directory));
         }
         answer.exitStatus = run.value("exit", 0);
         if (run.contains("signal")) {

@@ -7,15 +7,25 @@
 //         "tool": "vantor-accounts",           the name it was started under (optional)
 //         "args": ["--tsv", "status"],         exactly these arguments (optional)
 //         "args_prefix": ["use"],              or arguments that begin so (optional)
+//         "when_file": "set-up.done",           only while this file exists (optional)
+//         "unless_file": "set-up.done",         only while it does not (optional)
 //         "steps": [                           done in order
 //           {"stdout": "text"}, {"stderr": "text", "repeat": 1024},
-//           {"stdout_hex": "ff0a"}, {"sleep": 0.25}
+//           {"stdout_hex": "ff0a"}, {"sleep": 0.25},
+//           {"stdout": "token ${--token-file}", "expand": true},
+//           {"touch": "set-up.done"}
 //         ],
 //         "exit": 0,                           the exit status (default 0)
 //         "signal": 15                         or end by this signal
 //       }
 //     ]
 //   }
+//
+// With "expand", ${--name} in a text becomes the argument that follows "--name"
+// on the command line or, for a "--name-file" option, that file's content: how
+// the stand-in echoes back what it was given. "touch" creates a file, so that a
+// later run answers differently ("when_file"). Relative paths are relative to
+// the scenario file's directory.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -27,12 +37,13 @@
 namespace faketool {
 
 struct Step {
-    enum class Kind { write, sleep };
+    enum class Kind { write, sleep, touch };
     Kind kind = Kind::write;
     int fd = 1;         // write: 1 or 2
     std::string bytes;  // write: what, once
     long repeat = 1;    // write: how many times
     double seconds = 0; // sleep
+    std::string path;   // touch
 };
 
 struct Answer {
@@ -43,6 +54,7 @@ struct Answer {
 
 struct Scenario {
     std::string logPath;
+    std::string directory; // of the scenario file, for relative paths
     nlohmann::json runs = nlohmann::json::array();
 
     // Throws std::runtime_error with a readable reason for a malformed file.

@@ -135,6 +135,16 @@ int play(const faketool::Answer& answer) {
             std::this_thread::sleep_for(std::chrono::duration<double>(step.seconds));
             continue;
         }
+        if (step.kind == faketool::Step::Kind::touch) {
+            const int fd = ::open(step.path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+            if (fd < 0) {
+                std::fprintf(stderr, "%s: cannot touch %s: %s\n", self, step.path.c_str(),
+                             std::strerror(errno));
+                return 74;
+            }
+            ::close(fd);
+            continue;
+        }
         std::string bytes;
         bytes.reserve(step.bytes.size() * static_cast<std::size_t>(std::max(step.repeat, 0L)));
         for (long i = 0; i < step.repeat; ++i) {
