@@ -1,6 +1,9 @@
 #include "infra/InfraStatus.h"
 
 #include "errors/Failures.h"
+#include "tools/HelperInstaller.h"
+
+#include <QDir>
 
 #include <QRegularExpression>
 
@@ -195,6 +198,38 @@ namespace InfraCLI {
 QString notInstalled(const QString& installDirectory) {
     return u"Helpers could not be installed to "_s + installDirectory +
            u": Could not resolve velmora-conductor-onboard."_s;
+}
+
+std::optional<QString> resolveBinary(const QProcessEnvironment& environment, const QString& home) {
+    return HelperInstaller::resolve(toolName, overrideVariable, environment, home);
+}
+
+StreamingToolRunner runner(const QString& binary, const QProcessEnvironment& environment,
+                           const QString& home) {
+    return makeStreamingToolRunner(
+        binary, HelperInstaller::environment(environment, home,
+                                             HelperInstaller::dataDirectory(environment, home)));
+}
+
+InfraTool tool() {
+    InfraTool found = tool(QProcessEnvironment::systemEnvironment(), QDir::homePath());
+    found.resolve = [] {
+        return tool(QProcessEnvironment::systemEnvironment(), QDir::homePath()).resolve();
+    };
+    return found;
+}
+
+InfraTool tool(const QProcessEnvironment& environment, const QString& home) {
+    const QString directory =
+        HelperInstaller::directory(HelperInstaller::dataDirectory(environment, home));
+    return {[environment, home]() -> std::optional<StreamingToolRunner> {
+                const auto binary = resolveBinary(environment, home);
+                if (!binary) {
+                    return std::nullopt;
+                }
+                return runner(*binary, environment, home);
+            },
+            notInstalled(directory)};
 }
 
 std::optional<QUrl> webURL(const QString& text) {

@@ -8,6 +8,7 @@
 
 #include <QByteArray>
 #include <QList>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QUrl>
 
@@ -99,6 +100,16 @@ inline const QString overrideVariable = QStringLiteral("VCO_BIN");
 // The line shown when the tool cannot be found; `installDirectory` is where
 // the helpers are installed.
 QString notInstalled(const QString& installDirectory);
+
+// Where the tool is: the file VCO_BIN names, else the helper lookup.
+std::optional<QString> resolveBinary(const QProcessEnvironment& environment, const QString& home);
+// A runner bound to that file, run with the helpers' PATH made from `environment`.
+StreamingToolRunner runner(const QString& binary, const QProcessEnvironment& environment,
+                           const QString& home);
+// How the models find the tool: with this process's environment and the
+// user's home, read again at each lookup.
+InfraTool tool();
+InfraTool tool(const QProcessEnvironment& environment, const QString& home);
 
 // A web address fit to open: scheme exactly "http" or "https" (checked on the
 // raw text, since QUrl lower-cases it), a host, no user name or password.

@@ -140,6 +140,26 @@ TEST_F(InfraModelTest, RestartActsOnlyOnARestartableRowWhileNoCallRuns) {
     EXPECT_EQ(tool.runs().size(), 5u); // no refresh after a failed restart
 }
 
+TEST_F(InfraModelTest, TheToolIsFoundThroughTheOverrideAndRunsWithTheHelpersPath) {
+    QProcessEnvironment environment = tool.environment();
+    environment.insert(u"VCO_BIN"_s, tool.path(u"velmora-conductor-onboard"_s));
+    environment.remove(u"XDG_DATA_HOME"_s);
+    const QString home = tool.path(u"home"_s);
+    tool.answer(json::array({answer({"status", "--json"}, report())}));
+    InfraModel found{InfraCLI::tool(environment, home), clock.nowFunction(), sleepFor};
+    test::wait(found.refresh(true));
+    EXPECT_TRUE(found.status());
+    EXPECT_TRUE(tool.runs().at(0)["path"].get<std::string>().starts_with(
+        (home + u"/.local/share/Velmora/bin:"_s).toStdString()));
+
+    environment.remove(u"VCO_BIN"_s);
+    const InfraTool missing = InfraCLI::tool(environment, home);
+    EXPECT_FALSE(missing.resolve());
+    EXPECT_EQ(missing.notInstalled, u"Helpers could not be installed to "_s + home +
+                                        u"/.local/share/Velmora/bin: Could not resolve "
+                                        u"velmora-conductor-onboard."_s);
+}
+
 TEST(InfraModelNotInstalledTest, SaysSoAndChangesNothingElse) {
     test::FakeClock clock;
     InfraModel model{InfraTool{[] { return std::optional<StreamingToolRunner>(); }, u"gone"_s},
