@@ -1,5 +1,7 @@
 #include "Faults.h"
 
+#include "NotifyModel.h"
+
 #include <openssl/evp.h>
 
 #include <algorithm>
@@ -48,7 +50,8 @@ std::string modeName(Fault::Mode mode) {
 }
 
 bool isRouteName(const std::string& name) {
-    return std::find(routeNames.begin(), routeNames.end(), name) != routeNames.end();
+    return std::find(routeNames.begin(), routeNames.end(), name) != routeNames.end() ||
+           NotifyModel::isRouteName(name);
 }
 
 std::optional<std::string> Faults::add(const json& request) {

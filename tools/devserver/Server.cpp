@@ -274,6 +274,12 @@ Server::Target Server::classify(const httplib::Request& request, const json& bod
         target.wrongMethod = request.method != "PUT";
         return target;
     }
+    if (const auto notify = NotifyModel::route(request.method, path, options_.notifyBasePath)) {
+        target.route = notify->first;
+        target.wrongMethod = notify->second;
+        target.notify = true;
+        return target;
+    }
     if (path == collection) {
         target.route = request.method == "POST" ? "create" : "list";
         target.wrongMethod = request.method != "POST" && request.method != "GET";
@@ -393,6 +399,8 @@ void Server::handle(const httplib::Request& request, httplib::Response& response
                                     request.method + " is not allowed on " + request.path + "."));
     } else if (target.storage) {
         put(target, request, response);
+    } else if (target.notify) {
+        answer(response, notify(target, request, body));
     } else {
         answer(response, meet(target, request, body));
     }
@@ -466,6 +474,27 @@ Reply Server::meet(const Target& target, const httplib::Request& request, const 
         return model_.complete(id, body);
     }
     return model_.end(id);
+}
+
+Reply Server::notify(const Target& target, const httplib::Request& request, const json& body) {
+    // The session travels in its own header; a bearer token is a client bug.
+    if (request.has_header("Authorization")) {
+        return errorReply(400, "authorization_not_accepted",
+                          "Send the session in x-session-token, not in an Authorization header.");
+    }
+    if (auto refused = refuseToken(request)) {
+        return *refused;
+    }
+    if (target.route == "notify_read") {
+        if (mediaType(request) != "application/json") {
+            return errorReply(415, "unsupported_media_type",
+                              "Content-Type must be application/json.");
+        }
+        if (!body.is_object()) {
+            return errorReply(400, "invalid_json", "Request body must be a JSON object.");
+        }
+    }
+    return notify_.answer(target.route, request, body);
 }
 
 void Server::put(const Target& target, const httplib::Request& request,
@@ -551,6 +580,9 @@ void Server::control(const httplib::Request& request, httplib::Response& respons
         answer(response, errorReply(400, "invalid_control", std::string(key) + " is required."));
     };
 
+    if (name.starts_with("notify/")) {
+        return answer(response, notify_.control(method, name.substr(7), body));
+    }
     if (method == "GET" && name == "log") {
         return answer(response, Reply{200, log_->entries()});
     }

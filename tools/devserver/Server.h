@@ -4,6 +4,7 @@
 
 #include "Faults.h"
 #include "MeetModel.h"
+#include "NotifyModel.h"
 #include "RequestLog.h"
 #include "Storage.h"
 
@@ -24,6 +25,7 @@ struct Options {
     std::string dataDir;
     std::string logPath;
     std::string basePath = "/meet";
+    std::string notifyBasePath = "/notify";
     double presignTTL = 900; // seconds; zero or less gives URLs that have already expired
 };
 
@@ -49,12 +51,14 @@ private:
         std::string segment; // storage only
         bool storage = false;
         bool wrongMethod = false;
+        bool notify = false;
     };
 
     void handle(const httplib::Request& request, httplib::Response& response);
     void control(const httplib::Request& request, httplib::Response& response);
     Target classify(const httplib::Request& request, const json& body) const;
     Reply meet(const Target& target, const httplib::Request& request, const json& body);
+    Reply notify(const Target& target, const httplib::Request& request, const json& body);
     void put(const Target& target, const httplib::Request& request, httplib::Response& response);
     std::optional<Reply> refuseToken(const httplib::Request& request) const;
     bool dropConnection(const httplib::Request& request) const;
@@ -66,6 +70,7 @@ private:
     int port_ = 0;
     Storage storage_;
     MeetModel model_{storage_};
+    NotifyModel notify_;
     Faults faults_;
     std::unique_ptr<RequestLog> log_;
 
