@@ -99,13 +99,34 @@ Task<DesktopNotifications::Authorization> DesktopNotifications::authorization() 
     co_return request->status;
 }
 
-Task<QStringList> DesktopNotifications::capabilities() {
-    const QDBusPendingCall pending = bus_.asyncCall(methodCall(u"GetCapabilities"_s));
-    const QDBusMessage reply = co_await pending;
-    if (reply.type() == QDBusMessage::ErrorMessage || reply.arguments().isEmpty()) {
-        co_return QStringList();
+Task<uint> DesktopNotifications::notify(QDBusConnection bus, QString title, QString body,
+                                        uint replaces, bool sound, QStringList actions) {
+    // A server that reads markup would take a row's "<b>" for formatting.
+    const QDBusPendingCall asked = bus.asyncCall(methodCall(u"GetCapabilities"_s));
+    const QDBusMessage capabilities = co_await asked;
+    if (capabilities.type() != QDBusMessage::ErrorMessage && !capabilities.arguments().isEmpty() &&
+        capabilities.arguments().constFirst().toStringList().contains(u"body-markup"_s)) {
+        body = body.toHtmlEscaped();
     }
-    co_return reply.arguments().constFirst().toStringList();
+    QVariantMap hints{{u"urgency"_s, QVariant::fromValue(uchar(1))}};
+    if (sound) {
+        hints.insert(u"sound-name"_s, u"message-new-instant"_s);
+    } else {
+        hints.insert(u"suppress-sound"_s, true);
+    }
+    QDBusMessage call = methodCall(u"Notify"_s);
+    call << u"Velmora"_s << replaces << QString() << title << body << actions << hints
+         << qint32(-1);
+    const QDBusPendingCall pending = bus.asyncCall(call);
+    const QDBusMessage reply = co_await pending;
+    if (reply.type() == QDBusMessage::ErrorMessage) {
+        throwRefusal(reply);
+    }
+    co_return reply.arguments().isEmpty() ? 0u : reply.arguments().constFirst().toUInt();
+}
+
+Task<void> DesktopNotifications::postAlert(QString title, QString body) {
+    co_await notify(bus_, std::move(title), std::move(body), 0, true, QStringList());
 }
 
 Task<void> DesktopNotifications::post(NotifyDesktopNotification notification,
@@ -125,32 +146,13 @@ Task<void> DesktopNotifications::post(NotifyDesktopNotification notification,
     if (!canDeliver() || !enabled_()) {
         throw Cancelled();
     }
-    // A server that reads markup would take a row's "<b>" for formatting.
-    const QStringList capabilities = co_await this->capabilities();
-    if (!self) {
-        throw Cancelled();
-    }
-    const QString body = capabilities.contains(u"body-markup"_s) ? notification.body.toHtmlEscaped()
-                                                                 : notification.body;
-    QVariantMap hints{{u"urgency"_s, QVariant::fromValue(uchar(1))}};
-    if (notification.sound) {
-        hints.insert(u"sound-name"_s, u"message-new-instant"_s);
-    } else {
-        hints.insert(u"suppress-sound"_s, true);
-    }
     const QString identifier = requestIdentifier(notification.id);
-    QDBusMessage call = methodCall(u"Notify"_s);
-    call << u"Velmora"_s << replaces_.value(identifier, 0u) << QString() << notification.title
-         << body << QStringList{defaultAction, u"Open"_s} << hints << qint32(-1);
-    const QDBusPendingCall pending = bus_.asyncCall(call);
-    const QDBusMessage reply = co_await pending;
-    if (reply.type() == QDBusMessage::ErrorMessage) {
-        throwRefusal(reply);
-    }
-    if (!self || reply.arguments().isEmpty()) {
+    const QStringList actions{defaultAction, u"Open"_s};
+    const uint id = co_await notify(bus_, notification.title, notification.body,
+                                    replaces_.value(identifier, 0u), notification.sound, actions);
+    if (!self) {
         co_return;
     }
-    const uint id = reply.arguments().constFirst().toUInt();
     QVariantMap info{{u"id"_s, notification.id}};
     if (notification.link) {
         info.insert(u"link"_s, *notification.link);

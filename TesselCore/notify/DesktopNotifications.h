@@ -42,6 +42,10 @@ public:
     // server, and the server's refusal in its words.
     Task<void> post(NotifyDesktopNotification notification, std::function<bool()> canDeliver);
 
+    // One banner of its own, with sound and no click: the subscription alerts.
+    // The caller has asked for authorization. Throws the server's refusal.
+    Task<void> postAlert(QString title, QString body);
+
     // What a click does, without the platform: open the row's link (or the
     // organisation's inbox), then mark the row read.
     using Inbox = std::function<std::optional<QUrl>()>;
@@ -66,7 +70,10 @@ private slots:
 private:
     struct PermissionRequest;
 
-    Task<QStringList> capabilities();
+    // Notify, with the body escaped for a server that reads markup; the
+    // banner's id.
+    static Task<uint> notify(QDBusConnection bus, QString title, QString body, uint replaces,
+                             bool sound, QStringList actions);
 
     QDBusConnection bus_;
     Switch enabled_;
