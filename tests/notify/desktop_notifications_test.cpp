@@ -57,9 +57,10 @@ TEST(DesktopNotifications, NotifyCarriesTheRowAndReplacesItsOwnBanner) {
     urgent.link.reset();
     desktop.bus.control(u"SetCapabilities"_s, {QStringList{u"actions"_s, u"body"_s}});
     ASSERT_FALSE(desktop.post(urgent));
+    ASSERT_FALSE(failureOf(desktop.notifications.postAlert(u"Seat"_s, u"<low>"_s)));
 
     const auto calls = desktop.bus.calls(u"Notify"_s);
-    ASSERT_EQ(calls.size(), 3u);
+    ASSERT_EQ(calls.size(), 4u);
     const QJsonObject& first = calls[0];
     EXPECT_EQ(first[u"summary"_s].toString(), u"Review"_s);
     EXPECT_EQ(first[u"body"_s].toString(), u"&lt;b&gt;ready&lt;/b&gt; &amp; waiting"_s);
@@ -74,6 +75,10 @@ TEST(DesktopNotifications, NotifyCarriesTheRowAndReplacesItsOwnBanner) {
     EXPECT_EQ(calls[2][u"body"_s].toString(), row.body);
     EXPECT_EQ(calls[2][u"hints"_s][u"sound-name"_s].toString(), u"message-new-instant"_s);
     EXPECT_EQ(calls[2][u"replaces_id"_s].toInt(), 0);
+    // An alert has a sound and nothing to click.
+    EXPECT_EQ(calls[3][u"body"_s].toString(), u"<low>"_s);
+    EXPECT_TRUE(calls[3][u"actions"_s].toArray().isEmpty());
+    EXPECT_EQ(calls[3][u"hints"_s][u"sound-name"_s].toString(), u"message-new-instant"_s);
 }
 
 TEST(DesktopNotifications, OnlyTheDefaultActionOnOurBannerIsAClick) {
