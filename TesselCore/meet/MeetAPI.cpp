@@ -2,8 +2,7 @@
 
 #include "errors/ErrorLog.h"
 #include "net/HTTPFailure.h"
-
-#include <QRegularExpression>
+#include "net/InternetDate.h"
 
 namespace tessel {
 
@@ -34,17 +33,8 @@ QUrl endpoint(const QUrl& base, const QString& path) {
 }
 
 std::optional<QDateTime> internetDate(const JSON& value) {
-    static const QRegularExpression form(
-        QStringLiteral(R"(^\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}(\.\d+)?(Z|[+-]\d{2}:\d{2})$)"));
     const auto text = value.string();
-    if (!text || !form.match(*text).hasMatch()) {
-        return std::nullopt;
-    }
-    QDateTime parsed = QDateTime::fromString(*text, Qt::ISODateWithMs);
-    if (!parsed.isValid()) {
-        return std::nullopt;
-    }
-    return parsed;
+    return text ? parseInternetDate(*text) : std::nullopt;
 }
 
 } // namespace

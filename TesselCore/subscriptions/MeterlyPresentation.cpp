@@ -1,0 +1,476 @@
+#include "subscriptions/MeterlyPresentation.h"
+
+#include <QRegularExpression>
+
+#include <algorithm>
+#include <cmath>
+
+namespace tessel {
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+// Word boundaries, blanks and digits in the Unicode sense, as a person's text has them.
+constexpr auto unicode = QRegularExpression::UseUnicodePropertiesOption;
+constexpr auto unicodeCaseless =
+    QRegularExpression::UseUnicodePropertiesOption | QRegularExpression::CaseInsensitiveOption;
+
+const QRegularExpression& runAdvice() {
+    static const QRegularExpression re(u"\\brun[:\\s]+"_s, unicodeCaseless);
+    return re;
+}
+const QRegularExpression& toolCommand() {
+    static const QRegularExpression re(
+        u"\\b(?:vantor-accounts|meterly)\\s+(?:use|pick|status|login|alerts|--)[\\s\\S]*"_s,
+        unicode);
+    return re;
+}
+const QRegularExpression& providerPrefix() {
+    static const QRegularExpression re(
+        u"\\b(?:claude|codex|zai|kimi|grok|openrouter):([A-Za-z0-9_@.+-]+)"_s, unicode);
+    return re;
+}
+const QRegularExpression& timestamp() {
+    static const QRegularExpression re(
+        u"\\d{4}-\\d{2}-\\d{2}T\\d{2}:\\d{2}:\\d{2}(?:\\.\\d+)?(?:Z|[+-]\\d{2}:\\d{2})"_s, unicode);
+    return re;
+}
+const QRegularExpression& rateLimit() {
+    static const QRegularExpression re(u"rate[\\s\\p{Pd}_]*limit"_s, unicodeCaseless);
+    return re;
+}
+
+bool isTrimmed(QChar c) {
+    return c.isSpace() || c == u'—' || c == u'·';
+}
+
+QString trimmed(const QString& text) {
+    qsizetype begin = 0;
+    qsizetype end = text.size();
+    while (begin < end && isTrimmed(text[begin])) {
+        ++begin;
+    }
+    while (end > begin && isTrimmed(text[end - 1])) {
+        --end;
+    }
+    return begin == 0 && end == text.size() ? text : text.mid(begin, end - begin);
+}
+
+int providerRank(MeterlyProvider provider) {
+    switch (provider) {
+    case MeterlyProvider::claude:
+        return 0;
+    case MeterlyProvider::codex:
+        return 1;
+    case MeterlyProvider::zai:
+        return 2;
+    case MeterlyProvider::kimi:
+        return 3;
+    case MeterlyProvider::grok:
+        return 4;
+    case MeterlyProvider::openrouter:
+        return 5;
+    case MeterlyProvider::unknown:
+        break;
+    }
+    return 6;
+}
+
+QString formatted(const QDateTime& instant, const QString& pattern, const QLocale& locale,
+                  const QTimeZone& timeZone) {
+    return locale.toString(instant.toTimeZone(timeZone), pattern);
+}
+
+QString shortTime(const QDateTime& instant, const QLocale& locale, const QTimeZone& timeZone) {
+    return locale.toString(instant.toTimeZone(timeZone).time(), QLocale::ShortFormat);
+}
+
+MeterlyPresentation::Window presentWindow(const MeterlySnapshot::Window& window, double elapsed,
+                                          const QDateTime& now, const QLocale& locale,
+                                          const QTimeZone& timeZone, const TextCleaner& clean) {
+    MeterlyPresentation::Window w;
+    if (const auto used = window.displayUsedPct()) {
+        w.percent = std::clamp(*used, 0.0, 100.0);
+    }
+    w.isCredits = window.kind == MeterlyWindowKind::credits;
+    if (w.isCredits) {
+        w.value = window.remaining
+                      ? MeterlyPresentation::money(*window.remaining, window.currency) + u" left"_s
+                      : u"Balance unavailable"_s;
+    } else if (w.percent) {
+        // Truncated, not rounded: 99.9 must not read as full.
+        w.value = QString::number(static_cast<qint64>(std::trunc(*w.percent))) + u'%';
+    } else {
+        w.value = u"—"_s;
+    }
+    w.label = clean.clean(window.label);
+    std::optional<double> seconds;
+    if (window.resetsInSeconds) {
+        seconds = *window.resetsInSeconds - elapsed;
+    }
+    w.reset = MeterlyPresentation::resetText(window.resetsAt, seconds, now, locale, timeZone);
+    return w;
+}
+
+MeterlyPresentation::Seat presentSeat(const MeterlySnapshot::Seat& seat,
+                                      const MeterlySnapshot& snapshot, const QDateTime& now,
+                                      const QLocale& locale, const QTimeZone& timeZone,
+                                      const TextCleaner& clean) {
+    MeterlyPresentation::Seat s;
+    s.id = seat.id;
+    s.provider = seat.provider;
+    s.isCredits = !seat.windows.isEmpty() &&
+                  std::all_of(seat.windows.begin(), seat.windows.end(),
+                              [](const auto& w) { return w.kind == MeterlyWindowKind::credits; });
+
+    auto readDate = MeterlySnapshot::date(seat.fetchedAt);
+    if (!readDate) {
+        readDate = MeterlySnapshot::date(snapshot.fetchedAt);
+    }
+    const double elapsed =
+        readDate ? std::max(0.0, static_cast<double>(readDate->msecsTo(now)) / 1000.0) : 0.0;
+
+    s.windows.reserve(seat.windows.size());
+    for (const auto& window : seat.windows) {
+        s.windows.append(presentWindow(window, elapsed, now, locale, timeZone, clean));
+    }
+
+    s.stale = seat.isStale();
+    if (s.stale && readDate) {
+        s.lastRead = u"Last read "_s + shortTime(*readDate, locale, timeZone);
+    }
+
+    QString rawBinding;
+    if (seat.binding) {
+        rawBinding = *seat.binding;
+    } else {
+        std::optional<double> best;
+        for (const auto& window : seat.windows) {
+            const auto used = window.displayUsedPct();
+            if (used && (!best || *used > *best)) {
+                best = used;
+                rawBinding = window.label;
+            }
+        }
+    }
+
+    s.shortName = seat.displayShort();
+    s.subtitle = clean.clean(seat.displayLabel());
+    s.role = clean.clean(seat.role.value_or(QString()));
+    if (MeterlyPresentation::isPlaceholder(s.role)) {
+        s.role.clear();
+    }
+    s.plan = clean.clean(seat.plan.value_or(QString()));
+    if (MeterlyPresentation::isPlaceholder(s.plan)) {
+        s.plan.clear();
+    }
+    s.status = seat.displayStatus();
+    if (!s.isCredits) {
+        s.binding = clean.clean(rawBinding);
+        s.percent = seat.displayBindingPct();
+    }
+
+    s.creditValue = u"—"_s;
+    const auto credits = std::find_if(seat.windows.begin(), seat.windows.end(), [](const auto& w) {
+        return w.kind == MeterlyWindowKind::credits;
+    });
+    if (credits != seat.windows.end() && credits->remaining) {
+        s.creditValue = MeterlyPresentation::money(*credits->remaining, credits->currency);
+    }
+
+    s.isClaude = seat.provider == MeterlyProvider::claude;
+    s.live = s.isClaude && seat.live;
+    s.advice = clean.clean(seat.advice.reason);
+    s.tooltip = s.advice;
+    // A stale seat's error belongs to an old attempt; its note says why it is stale.
+    const QString& note = !s.stale && seat.error ? seat.error->message : seat.note;
+    s.note = clean.clean(note);
+    s.renewal = MeterlyPresentation::renewalText(seat.renewsAt, seat.renewsSource,
+                                                 clean.clean(seat.providerLabel), locale, timeZone);
+    if (seat.links) {
+        s.usageURL = MeterlyPresentation::pageURL(seat.links->usage);
+        s.billingURL = MeterlyPresentation::pageURL(seat.links->billing);
+    }
+    return s;
+}
+
+QList<MeterlyPresentation::Notification>
+notificationsFromDetails(const MeterlySnapshot& snapshot, const QList<MeterlySnapshot::Seat>& seats,
+                         const TextCleaner& clean) {
+    QList<MeterlyPresentation::Notification> result;
+    QStringList working = snapshot.alerts;
+    for (const auto& entry : *snapshot.alertsDetail) {
+        const MeterlySnapshot::Seat* seat = MeterlyPresentation::resolve(entry.seat, seats);
+        if (seat && seat->isStale()) {
+            continue;
+        }
+        if (rateLimit().match(entry.human).hasMatch()) {
+            continue;
+        }
+        QString title = entry.title ? *entry.title
+                        : seat      ? seat->notificationTitle()
+                                    : u"Subscriptions"_s;
+        title = clean.clean(title);
+
+        const QString shortName = entry.shortName ? *entry.shortName
+                                  : seat          ? seat->displayShort()
+                                                  : title;
+        QStringList prefixes{entry.seat + u':', shortName + u':'};
+        if (seat) {
+            prefixes.append(seat->account + u':');
+        }
+        const auto claimed = std::find_if(working.begin(), working.end(), [&](const QString& line) {
+            return std::any_of(prefixes.begin(), prefixes.end(),
+                               [&](const QString& prefix) { return line.startsWith(prefix); });
+        });
+        QString key;
+        if (claimed != working.end()) {
+            key = *claimed;
+            working.erase(claimed);
+        } else {
+            key = entry.seat + u": "_s + entry.human;
+        }
+        result.append({key, title, clean.clean(entry.human)});
+    }
+    return result;
+}
+
+QList<MeterlyPresentation::Notification>
+notificationsFromAlerts(const MeterlySnapshot& snapshot, const QList<MeterlySnapshot::Seat>& seats,
+                        const TextCleaner& clean) {
+    QList<MeterlyPresentation::Notification> result;
+    for (const auto& line : snapshot.alerts) {
+        const auto find = [&](auto prefixOf) -> const MeterlySnapshot::Seat* {
+            const auto it = std::find_if(seats.begin(), seats.end(), [&](const auto& seat) {
+                return line.startsWith(prefixOf(seat) + u':');
+            });
+            return it == seats.end() ? nullptr : &*it;
+        };
+        const MeterlySnapshot::Seat* seat = find([](const auto& s) { return s.id; });
+        if (!seat) {
+            seat = find([](const auto& s) { return s.account; });
+        }
+        if (!seat) {
+            seat = find([](const auto& s) { return rawValue(s.provider); });
+        }
+        if (seat && seat->isStale()) {
+            continue;
+        }
+        if (rateLimit().match(line).hasMatch()) {
+            continue;
+        }
+        const QString title = seat ? seat->notificationTitle() : u"Subscriptions"_s;
+        const qsizetype dash = line.indexOf(u" — "_s);
+        const QString body = clean.clean(dash < 0 ? line : line.left(dash));
+        result.append({line, title, body});
+    }
+    return result;
+}
+
+} // namespace
+
+TextCleaner::TextCleaner(const QList<MeterlySnapshot::Seat>& seats) {
+    replacements_.reserve(seats.size());
+    for (const auto& seat : seats) {
+        // An empty identifier would match between every two characters.
+        if (!seat.id.isEmpty()) {
+            replacements_.append({seat.id, seat.displayShort()});
+        }
+    }
+    std::stable_sort(replacements_.begin(), replacements_.end(),
+                     [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
+}
+
+QString TextCleaner::clean(const QString& raw) const {
+    if (raw.isEmpty()) {
+        return raw;
+    }
+    if (const auto it = memo_.constFind(raw); it != memo_.constEnd()) {
+        return *it;
+    }
+    QString text = raw;
+    if (const auto m = runAdvice().match(text); m.hasMatch()) {
+        text.truncate(m.capturedStart());
+    }
+    if (const auto m = toolCommand().match(text); m.hasMatch()) {
+        text.truncate(m.capturedStart());
+    }
+    for (const auto& [id, shortName] : replacements_) {
+        if (text.contains(id)) {
+            text.replace(id, shortName);
+        }
+    }
+    if (text.contains(u':')) {
+        text.replace(providerPrefix(), u"\\1"_s);
+    }
+    text.replace(u" → "_s, u" to "_s);
+
+    if (text.contains(u'T')) {
+        QList<QRegularExpressionMatch> matches;
+        auto it = timestamp().globalMatch(text);
+        while (it.hasNext()) {
+            matches.append(it.next());
+        }
+        const QLocale locale;
+        for (auto m = matches.crbegin(); m != matches.crend(); ++m) {
+            if (const auto when = MeterlySnapshot::date(m->captured())) {
+                text.replace(m->capturedStart(), m->capturedLength(),
+                             locale.toString(when->toLocalTime().time(), QLocale::ShortFormat));
+            }
+        }
+    }
+    QString result = trimmed(text);
+    memo_.insert(raw, result);
+    return result;
+}
+
+MeterlyPresentation::MeterlyPresentation(const MeterlySnapshot& snapshot, const QDateTime& now,
+                                         const QLocale& locale, const QTimeZone& timeZone) {
+    const QList<MeterlySnapshot::Seat> sorted = sortedSeats(snapshot.seats);
+    const TextCleaner clean(sorted);
+
+    seats.reserve(sorted.size());
+    for (const auto& seat : sorted) {
+        seats.append(presentSeat(seat, snapshot, now, locale, timeZone, clean));
+    }
+    summary = clean.clean(snapshot.summary.value_or(QString()));
+
+    bool red = false;
+    bool orange = false;
+    const auto account = [&](MeterlyStatus status) {
+        red = red || status == MeterlyStatus::hold || status == MeterlyStatus::capped ||
+              status == MeterlyStatus::login;
+        orange = orange || status == MeterlyStatus::spend || status == MeterlyStatus::warn ||
+                 status == MeterlyStatus::topUp;
+    };
+    for (const auto& seat : seats) {
+        account(seat.status);
+    }
+    if (snapshot.alertsDetail) {
+        for (const auto& detail : *snapshot.alertsDetail) {
+            if (detail.status) {
+                account(*detail.status);
+            }
+        }
+    }
+    summaryTint = red ? MeterlyTint::red : orange ? MeterlyTint::orange : MeterlyTint::secondary;
+
+    // The structured alerts, when the tool gives them, are the whole story: a
+    // plain line that no detail claims is not notified.
+    notifications = snapshot.alertsDetail ? notificationsFromDetails(snapshot, sorted, clean)
+                                          : notificationsFromAlerts(snapshot, sorted, clean);
+}
+
+QString MeterlyPresentation::human(const QString& text, const QList<MeterlySnapshot::Seat>& seats) {
+    return TextCleaner(seats).clean(text);
+}
+
+QString MeterlyPresentation::money(double amount, const std::optional<QString>& currency) {
+    // asprintf ignores the locale: always a point and two decimals.
+    const QString figure = QString::asprintf("%.2f", amount);
+    if (!currency || *currency == u"USD") {
+        return u'$' + figure;
+    }
+    return figure + u' ' + human(*currency, {});
+}
+
+QString MeterlyPresentation::resetText(const std::optional<QString>& resetsAt,
+                                       std::optional<double> resetsInSeconds, const QDateTime& now,
+                                       const QLocale& locale, const QTimeZone& timeZone) {
+    QDateTime target;
+    double interval = 0;
+    if (resetsInSeconds && std::isfinite(*resetsInSeconds)) {
+        interval = *resetsInSeconds;
+        target = now.addMSecs(static_cast<qint64>(std::llround(interval * 1000.0)));
+    } else if (const auto when = MeterlySnapshot::date(resetsAt)) {
+        target = *when;
+        interval = static_cast<double>(now.msecsTo(target)) / 1000.0;
+    } else {
+        return QString();
+    }
+    if (interval <= 0) {
+        return u"resets now"_s;
+    }
+    if (interval >= 86400) {
+        return u"resets "_s + formatted(target, u"ddd HH:mm"_s, locale, timeZone);
+    }
+    if (interval >= 3600) {
+        return u"resets in "_s + QString::number(static_cast<qint64>(std::ceil(interval / 3600))) +
+               u'h';
+    }
+    const auto minutes = std::max<qint64>(1, static_cast<qint64>(std::ceil(interval / 60)));
+    return u"resets in "_s + QString::number(minutes) + u'm';
+}
+
+QString MeterlyPresentation::renewalText(const std::optional<QString>& renewsAt,
+                                         const std::optional<QString>& source,
+                                         const QString& provider, const QLocale& locale,
+                                         const QTimeZone& timeZone) {
+    const auto when = MeterlySnapshot::date(renewsAt);
+    if (!when) {
+        return u"Renewal date not exposed by "_s + human(provider, {});
+    }
+    const bool reported = source == u"reported"_s;
+    const QString pattern = reported ? u"d MMM"_s : u"ddd d MMM, HH:mm"_s;
+    QString suffix;
+    if (source == u"inferred"_s) {
+        suffix = u" (inferred from subscription start)"_s;
+    } else if (reported) {
+        suffix = u" (reported)"_s;
+    }
+    return u"Renews "_s + formatted(*when, pattern, locale, timeZone) + suffix;
+}
+
+QList<MeterlySnapshot::Seat>
+MeterlyPresentation::sortedSeats(const QList<MeterlySnapshot::Seat>& seats) {
+    QList<MeterlySnapshot::Seat> sorted = seats;
+    std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) {
+        const int ra = providerRank(a.provider);
+        const int rb = providerRank(b.provider);
+        if (ra != rb) {
+            return ra < rb;
+        }
+        if (a.provider == MeterlyProvider::claude && a.live != b.live) {
+            return a.live;
+        }
+        return false;
+    });
+    return sorted;
+}
+
+const MeterlySnapshot::Seat*
+MeterlyPresentation::resolve(const QString& reference, const QList<MeterlySnapshot::Seat>& seats) {
+    const auto first = [&](auto matches) -> const MeterlySnapshot::Seat* {
+        const auto it = std::find_if(seats.begin(), seats.end(), matches);
+        return it == seats.end() ? nullptr : &*it;
+    };
+    if (const auto* seat = first([&](const auto& s) { return s.id == reference; })) {
+        return seat;
+    }
+    if (const auto* seat =
+            first([&](const auto& s) { return rawValue(s.provider) == reference; })) {
+        return seat;
+    }
+    return first(
+        [&](const auto& s) { return s.account == reference || s.displayShort() == reference; });
+}
+
+std::optional<QUrl> MeterlyPresentation::pageURL(const std::optional<QString>& text) {
+    if (!text) {
+        return std::nullopt;
+    }
+    const QUrl url(*text, QUrl::StrictMode);
+    const QString scheme = url.scheme().toLower();
+    if (!url.isValid() || (scheme != u"https" && scheme != u"http") || url.host().isEmpty()) {
+        return std::nullopt;
+    }
+    return url;
+}
+
+bool MeterlyPresentation::isPlaceholder(const QString& text) {
+    const QString lower = text.toLower();
+    return lower == u"unknown" || lower == u"n/a" || lower == u"-" || lower == u"—";
+}
+
+} // namespace tessel

@@ -1,0 +1,306 @@
+#include "subscriptions/SubscriptionsDashboardContent.h"
+
+#include <QRegularExpression>
+
+#include <algorithm>
+
+namespace tessel {
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+QString providerTitle(MeterlyProvider provider) {
+    switch (provider) {
+    case MeterlyProvider::claude:
+        return u"Claude"_s;
+    case MeterlyProvider::codex:
+        return u"Codex"_s;
+    case MeterlyProvider::kimi:
+        return u"Kimi"_s;
+    case MeterlyProvider::zai:
+        return u"GLM"_s;
+    case MeterlyProvider::grok:
+        return u"Grok"_s;
+    case MeterlyProvider::openrouter:
+        return u"OpenRouter"_s;
+    case MeterlyProvider::unknown:
+        break;
+    }
+    return u"Other"_s;
+}
+
+// First letter of each blank-separated word upper case, the rest lower case.
+QString capitalised(const QString& text) {
+    QString result = text.toLower();
+    bool wordStart = true;
+    for (qsizetype i = 0; i < result.size(); ++i) {
+        const QChar c = result[i];
+        if (c.isSpace()) {
+            wordStart = true;
+        } else if (wordStart) {
+            result[i] = c.toUpper();
+            wordStart = false;
+        }
+    }
+    return result;
+}
+
+QString formatted(const QDateTime& instant, const QString& pattern, const QLocale& locale,
+                  const QTimeZone& timeZone) {
+    return locale.toString(instant.toTimeZone(timeZone), pattern);
+}
+
+// The window's cleaning: the presentation's cleaner over the seats in reading
+// order, then any "word:value" loses its word, not only a provider's.
+class DashboardCleaner {
+public:
+    explicit DashboardCleaner(const QList<MeterlySnapshot::Seat>& seats) : human_(seats) {}
+
+    QString clean(const QString& raw) const {
+        if (const auto it = memo_.constFind(raw); it != memo_.constEnd()) {
+            return *it;
+        }
+        static const QRegularExpression prefix(u"\\b[a-zA-Z][a-zA-Z0-9_-]*:([A-Za-z0-9_@.+-]+)"_s,
+                                               QRegularExpression::UseUnicodePropertiesOption);
+        QString text = human_.clean(raw);
+        if (text.contains(u':')) {
+            text.replace(prefix, u"\\1"_s);
+        }
+        memo_.insert(raw, text);
+        return text;
+    }
+
+private:
+    TextCleaner human_;
+    mutable QHash<QString, QString> memo_;
+};
+
+// The window's own lookup: a provider's name prefers its live seat.
+const MeterlySnapshot::Seat* lookup(const QString& reference,
+                                    const QList<MeterlySnapshot::Seat>& seats) {
+    const auto first = [&](auto matches) -> const MeterlySnapshot::Seat* {
+        const auto it = std::find_if(seats.begin(), seats.end(), matches);
+        return it == seats.end() ? nullptr : &*it;
+    };
+    if (const auto* seat = first([&](const auto& s) { return s.id == reference; })) {
+        return seat;
+    }
+    if (const auto* seat =
+            first([&](const auto& s) { return s.live && rawValue(s.provider) == reference; })) {
+        return seat;
+    }
+    if (const auto* seat =
+            first([&](const auto& s) { return rawValue(s.provider) == reference; })) {
+        return seat;
+    }
+    return first(
+        [&](const auto& s) { return s.account == reference || s.displayShort() == reference; });
+}
+
+std::pair<QString, QString> age(const std::optional<QDateTime>& fetched, const QDateTime& now,
+                                const QLocale& locale, const QTimeZone& timeZone) {
+    if (!fetched) {
+        return {u"Waiting for a reading"_s, u"No reading yet"_s};
+    }
+    const QString when = u"Fetched "_s + formatted(*fetched, u"d MMM, HH:mm"_s, locale, timeZone);
+    const qint64 minutes = fetched->msecsTo(now) / 60000;
+    if (minutes < 1) {
+        return {u"Updated just now"_s, when};
+    }
+    if (minutes < 60) {
+        return {u"Updated %1 min ago"_s.arg(minutes), when};
+    }
+    if (minutes < 1440) {
+        return {u"Updated %1h ago"_s.arg(minutes / 60), when};
+    }
+    return {u"Updated %1d ago"_s.arg(minutes / 1440), when};
+}
+
+int roleRank(const QString& role) {
+    static const QStringList known{u"operator"_s, u"build"_s, u"review"_s, u"soundboard"_s,
+                                   u"probes"_s};
+    const auto index = known.indexOf(role);
+    return index < 0 ? static_cast<int>(known.size()) : static_cast<int>(index);
+}
+
+} // namespace
+
+SubscriptionSeatCardContent::SubscriptionSeatCardContent(
+    const MeterlyPresentation::Seat& seat, const MeterlySnapshot::Seat* source,
+    const QList<MeterlySnapshot::Seat>& allSeats, const QLocale& locale, const QTimeZone& timeZone)
+    : SubscriptionSeatCardContent(seat, source, TextCleaner(allSeats), locale, timeZone) {}
+
+SubscriptionSeatCardContent::SubscriptionSeatCardContent(const MeterlyPresentation::Seat& seat,
+                                                         const MeterlySnapshot::Seat* source,
+                                                         const TextCleaner& clean,
+                                                         const QLocale& locale,
+                                                         const QTimeZone& timeZone) {
+    name = clean.clean(source ? source->account : seat.shortName);
+    header = name + u" · "_s + providerTitle(seat.provider);
+    identity = clean.clean(source && source->email && !source->email->isEmpty() ? *source->email
+                                                                                : seat.subtitle);
+    QStringList meta;
+    for (const QString* part : {&seat.role, &seat.plan}) {
+        if (!part->isEmpty()) {
+            meta.append(*part);
+        }
+    }
+    metadata = meta.join(u" · "_s);
+
+    const bool failed = source && source->error;
+    if (!failed) {
+        windows.reserve(seat.windows.size());
+        for (const auto& w : seat.windows) {
+            windows.append(
+                {w.label, w.value, w.isCredits ? QString() : w.reset, w.percent, w.isCredits});
+        }
+    }
+
+    const QString provider =
+        clean.clean(source ? source->providerLabel : capitalised(rawValue(seat.provider)));
+    if (const auto renews = MeterlySnapshot::date(source ? source->renewsAt : std::nullopt)) {
+        // Unlike the menu's renewal text, a reported date keeps its time of day here.
+        renewal = u"Renews "_s + formatted(*renews, u"ddd d MMM, HH:mm"_s, locale, timeZone);
+        if (source->renewsSource == u"inferred"_s) {
+            renewalSource = u"inferred from subscription start"_s;
+        } else if (source->renewsSource == u"reported"_s) {
+            renewalSource = u"reported by "_s + provider;
+        }
+    } else {
+        renewal = u"Renewal date unavailable"_s;
+        renewalSource = u"not exposed by "_s + provider;
+    }
+
+    advice = seat.advice;
+    if (failed) {
+        error = clean.clean(source->error->message);
+    } else {
+        note = seat.note;
+    }
+    lastRead = seat.lastRead;
+    tint = seat.stale ? MeterlyTint::grey : tessel::tint(seat.status);
+    canSwitch = seat.isClaude && !seat.live;
+    usageURL = seat.usageURL;
+    billingURL = seat.billingURL;
+}
+
+QStringList SubscriptionSeatCardContent::buttons() const {
+    QStringList result;
+    if (canSwitch) {
+        result.append(u"Switch here"_s);
+    }
+    if (usageURL) {
+        result.append(u"Usage"_s);
+    }
+    if (billingURL) {
+        result.append(u"Billing"_s);
+    }
+    return result;
+}
+
+SubscriptionsDashboardContent::SubscriptionsDashboardContent(const MeterlySnapshot& snapshot,
+                                                             const QDateTime& now,
+                                                             const QLocale& locale,
+                                                             const QTimeZone& timeZone) {
+    const MeterlyPresentation presentation(snapshot, now, locale, timeZone);
+    summary = presentation.summary;
+    summaryTint = presentation.summaryTint;
+    std::tie(updated, fetched) =
+        age(MeterlySnapshot::date(snapshot.fetchedAt), now, locale, timeZone);
+
+    const QList<MeterlySnapshot::Seat>& seats = snapshot.seats;
+    const TextCleaner human(seats);
+    const DashboardCleaner clean(seats);
+
+    cards.reserve(presentation.seats.size());
+    for (const auto& seat : presentation.seats) {
+        const auto it = std::find_if(seats.begin(), seats.end(),
+                                     [&](const auto& s) { return s.id == seat.id; });
+        const MeterlySnapshot::Seat* source = it == seats.end() ? nullptr : &*it;
+        cards.append({seat, SubscriptionSeatCardContent(seat, source, human, locale, timeZone),
+                      source ? source->account : QString()});
+    }
+
+    if (snapshot.alertsDetail) {
+        qint64 index = 0;
+        for (const auto& entry : *snapshot.alertsDetail) {
+            const MeterlySnapshot::Seat* seat = lookup(entry.seat, seats);
+            QString title = entry.title       ? *entry.title
+                            : seat            ? seat->notificationTitle()
+                            : entry.shortName ? *entry.shortName
+                                              : u"Subscriptions"_s;
+            MeterlyTint entryTint = entry.status ? tint(*entry.status)
+                                    : seat       ? tint(seat->displayStatus())
+                                                 : MeterlyTint::secondary;
+            attention.append({index++, clean.clean(title), clean.clean(entry.human), entryTint});
+        }
+    }
+
+    QStringList roles;
+    for (const auto& [role, reference] : snapshot.next) {
+        roles.append(role);
+    }
+    // `next` iterates in ascending order already, so a stable sort by rank
+    // leaves the roles outside the list in string order.
+    std::stable_sort(roles.begin(), roles.end(),
+                     [](const QString& a, const QString& b) { return roleRank(a) < roleRank(b); });
+    for (const auto& role : roles) {
+        const QString& reference = snapshot.next.at(role);
+        const MeterlySnapshot::Seat* seat = lookup(reference, seats);
+        spendOrder.append({clean.clean(capitalised(role)),
+                           clean.clean(seat ? seat->displayShort() : reference),
+                           seat ? std::optional<QString>(seat->id) : std::nullopt});
+    }
+
+    const QDateTime local = now.toTimeZone(timeZone);
+    const QDateTime horizon = local.addDays(7);
+    QList<Event> events;
+    qint64 index = 0;
+    for (const auto& entry : snapshot.timeline) {
+        const qint64 id = index++;
+        const auto when = MeterlySnapshot::date(entry.resetsAt);
+        if (!when || *when < now || *when > horizon) {
+            continue;
+        }
+        const QString label = clean.clean(entry.label);
+        const bool isRenewal = label.contains(u"renew"_s, Qt::CaseInsensitive);
+        const QString word = isRenewal ? u"renews"_s
+                             : label.contains(u"reset"_s, Qt::CaseInsensitive)
+                                 ? label
+                                 : label + u" resets"_s;
+        const MeterlySnapshot::Seat* seat = lookup(entry.seat, seats);
+        const QString seatName = clean.clean(seat ? seat->displayShort() : entry.seat);
+        events.append(
+            {id, *when,
+             formatted(*when, u"HH:mm"_s, locale, timeZone) + u" · "_s + seatName + u" · "_s + word,
+             isRenewal});
+    }
+    std::stable_sort(events.begin(), events.end(), [](const Event& a, const Event& b) {
+        return a.date != b.date ? a.date < b.date : a.id < b.id;
+    });
+
+    const QDate today = local.date();
+    for (auto& event : events) {
+        const QDate day = event.date.toTimeZone(timeZone).date();
+        if (days.isEmpty() || days.last().id.date() != day) {
+            QString title = day == today              ? u"Today"_s
+                            : day == today.addDays(1) ? u"Tomorrow"_s
+                                                      : locale.toString(day, u"ddd d MMM"_s);
+            days.append({day.startOfDay(timeZone), std::move(title), {}});
+        }
+        days.last().events.append(std::move(event));
+    }
+}
+
+QList<SubscriptionsDashboardContent::SpendPair> SubscriptionsDashboardContent::useNow() const {
+    QList<SpendPair> result;
+    for (const auto& pair : spendOrder) {
+        if (pair.seatID) {
+            result.append(pair);
+        }
+    }
+    return result;
+}
+
+} // namespace tessel
