@@ -1,6 +1,7 @@
 #include "subscriptions/Meterly.h"
 
 #include "subscriptions/ToolText.h"
+#include "tools/HelperInstaller.h"
 
 #include <QDir>
 #include <QFile>
@@ -70,6 +71,22 @@ void writePrivateFile(const QString& path, const QByteArray& bytes) {
 }
 
 } // namespace
+
+std::optional<QString> MeterlyCLI::resolveBinary(const QProcessEnvironment& environment,
+                                                 const QString& home) {
+    return HelperInstaller::resolve(u"meterly"_s, u"METERLY_BIN"_s, environment, home);
+}
+
+ToolRunner MeterlyCLI::runner(const QString& binary) {
+    return makeToolRunner(binary,
+                          HelperInstaller::environment(QProcessEnvironment::systemEnvironment()));
+}
+
+QString MeterlyCLI::notInstalled(const QProcessEnvironment& environment, const QString& home) {
+    return HelperInstaller::failure(
+        u"Could not resolve meterly."_s,
+        HelperInstaller::directory(HelperInstaller::dataDirectory(environment, home)));
+}
 
 struct MeterlyClient::Run {
     std::shared_ptr<BackgroundTask> task;

@@ -7,12 +7,25 @@
 #include "subscriptions/MeterlySnapshot.h"
 #include "tools/ToolRunner.h"
 
+#include <QProcessEnvironment>
 #include <QString>
 
 #include <memory>
 #include <optional>
 
 namespace tessel {
+
+namespace MeterlyCLI {
+
+// The tool's file: the one METERLY_BIN names, else the usual places.
+std::optional<QString> resolveBinary(const QProcessEnvironment& environment, const QString& home);
+// Runs `binary` with this process's environment as it is now, PATH set to the
+// helpers' one.
+ToolRunner runner(const QString& binary);
+// What the window says when the tool is nowhere to be found.
+QString notInstalled(const QProcessEnvironment& environment, const QString& home);
+
+} // namespace MeterlyCLI
 
 // Runs `meterly status --json` no oftener than `usageInterval` from the end of
 // one run to the start of the next. Callers during a run join it; the outcome,

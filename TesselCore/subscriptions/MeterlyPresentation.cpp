@@ -41,6 +41,35 @@ const QRegularExpression& rateLimit() {
     return re;
 }
 
+// What a text could hold, from one pass over it: "run" in any case, a tool's
+// name, an arrow, a digit before a "T".
+struct Hints {
+    bool run = false;
+    bool tool = false;
+    bool arrow = false;
+    bool stamp = false;
+
+    static Hints of(QStringView text) {
+        Hints h;
+        const auto lower = [&](qsizetype i) { return text[i].unicode() | 0x20; };
+        for (qsizetype i = 0; i < text.size(); ++i) {
+            const char16_t c = text[i].unicode();
+            if ((c | 0x20) == u'r' && i + 2 < text.size() && lower(i + 1) == u'u' &&
+                lower(i + 2) == u'n') {
+                h.run = true;
+            } else if ((c == u'm' && text.mid(i).startsWith(u"meterly")) ||
+                       (c == u'v' && text.mid(i).startsWith(u"vantor-accounts"))) {
+                h.tool = true;
+            } else if (c == u'→') {
+                h.arrow = true;
+            } else if (c == u'T' && i > 0 && text[i - 1].isDigit()) {
+                h.stamp = true;
+            }
+        }
+        return h;
+    }
+};
+
 bool isTrimmed(QChar c) {
     return c.isSpace() || c == u'—' || c == u'·';
 }
@@ -116,7 +145,7 @@ MeterlyPresentation::Window presentWindow(const MeterlySnapshot::Window& window,
 MeterlyPresentation::Seat presentSeat(const MeterlySnapshot::Seat& seat,
                                       const MeterlySnapshot& snapshot, const QDateTime& now,
                                       const QLocale& locale, const QTimeZone& timeZone,
-                                      const TextCleaner& clean) {
+                                      const TextCleaner& clean, const TextCleaner& plain) {
     MeterlyPresentation::Seat s;
     s.id = seat.id;
     s.provider = seat.provider;
@@ -155,8 +184,8 @@ MeterlyPresentation::Seat presentSeat(const MeterlySnapshot::Seat& seat,
         }
     }
 
-    s.shortName = seat.displayShort();
-    s.subtitle = clean.clean(seat.displayLabel());
+    s.shortName = seat.displayShort(plain);
+    s.subtitle = clean.clean(seat.displayLabel(plain));
     s.role = clean.clean(seat.role.value_or(QString()));
     if (MeterlyPresentation::isPlaceholder(s.role)) {
         s.role.clear();
@@ -197,7 +226,7 @@ MeterlyPresentation::Seat presentSeat(const MeterlySnapshot::Seat& seat,
 
 QList<MeterlyPresentation::Notification>
 notificationsFromDetails(const MeterlySnapshot& snapshot, const QList<MeterlySnapshot::Seat>& seats,
-                         const TextCleaner& clean) {
+                         const TextCleaner& clean, const TextCleaner& plain) {
     QList<MeterlyPresentation::Notification> result;
     QStringList working = snapshot.alerts;
     for (const auto& entry : *snapshot.alertsDetail) {
@@ -214,7 +243,7 @@ notificationsFromDetails(const MeterlySnapshot& snapshot, const QList<MeterlySna
         title = clean.clean(title);
 
         const QString shortName = entry.shortName ? *entry.shortName
-                                  : seat          ? seat->displayShort()
+                                  : seat          ? seat->displayShort(plain)
                                                   : title;
         QStringList prefixes{entry.seat + u':', shortName + u':'};
         if (seat) {
@@ -271,15 +300,45 @@ notificationsFromAlerts(const MeterlySnapshot& snapshot, const QList<MeterlySnap
 } // namespace
 
 TextCleaner::TextCleaner(const QList<MeterlySnapshot::Seat>& seats) {
+    if (!seats.isEmpty()) {
+        addSeats(seats, TextCleaner());
+    }
+}
+
+TextCleaner::TextCleaner(const QList<MeterlySnapshot::Seat>& seats, const TextCleaner& plain) {
+    addSeats(seats, plain);
+}
+
+void TextCleaner::addSeats(const QList<MeterlySnapshot::Seat>& seats, const TextCleaner& plain) {
     replacements_.reserve(seats.size());
     for (const auto& seat : seats) {
         // An empty identifier would match between every two characters.
         if (!seat.id.isEmpty()) {
-            replacements_.append({seat.id, seat.displayShort()});
+            replacements_.append({seat.id, seat.displayShort(plain)});
         }
     }
     std::stable_sort(replacements_.begin(), replacements_.end(),
                      [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
+    for (qsizetype i = 0; i < replacements_.size(); ++i) {
+        const char16_t first = replacements_[i].first.front().unicode();
+        byFirst_[first < 128 ? first : 128].append(i);
+    }
+}
+
+// One pass over the text instead of one search per seat: most texts name no seat.
+bool TextCleaner::holdsAnIdentifier(QStringView text) const {
+    if (replacements_.isEmpty()) {
+        return false;
+    }
+    for (qsizetype at = 0; at < text.size(); ++at) {
+        const char16_t c = text[at].unicode();
+        for (const qsizetype i : byFirst_[c < 128 ? c : 128]) {
+            if (text.mid(at).startsWith(replacements_[i].first)) {
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 QString TextCleaner::clean(const QString& raw) const {
@@ -290,23 +349,35 @@ QString TextCleaner::clean(const QString& raw) const {
         return *it;
     }
     QString text = raw;
-    if (const auto m = runAdvice().match(text); m.hasMatch()) {
-        text.truncate(m.capturedStart());
-    }
-    if (const auto m = toolCommand().match(text); m.hasMatch()) {
-        text.truncate(m.capturedStart());
-    }
-    for (const auto& [id, shortName] : replacements_) {
-        if (text.contains(id)) {
-            text.replace(id, shortName);
+    // One look at the text tells which steps can change it: most texts are a
+    // few plain words.
+    Hints hints = Hints::of(text);
+    if (hints.run) {
+        if (const auto m = runAdvice().match(text); m.hasMatch()) {
+            text.truncate(m.capturedStart());
         }
+    }
+    if (hints.tool) {
+        if (const auto m = toolCommand().match(text); m.hasMatch()) {
+            text.truncate(m.capturedStart());
+        }
+    }
+    if (holdsAnIdentifier(text)) {
+        for (const auto& [id, shortName] : replacements_) {
+            if (text.contains(id)) {
+                text.replace(id, shortName);
+            }
+        }
+        hints = Hints::of(text); // the short names are in the text now
     }
     if (text.contains(u':')) {
         text.replace(providerPrefix(), u"\\1"_s);
     }
-    text.replace(u" → "_s, u" to "_s);
+    if (hints.arrow) {
+        text.replace(u" → "_s, u" to "_s);
+    }
 
-    if (text.contains(u'T')) {
+    if (hints.stamp) {
         QList<QRegularExpressionMatch> matches;
         auto it = timestamp().globalMatch(text);
         while (it.hasNext()) {
@@ -326,13 +397,18 @@ QString TextCleaner::clean(const QString& raw) const {
 }
 
 MeterlyPresentation::MeterlyPresentation(const MeterlySnapshot& snapshot, const QDateTime& now,
-                                         const QLocale& locale, const QTimeZone& timeZone) {
+                                         const QLocale& locale, const QTimeZone& timeZone)
+    : MeterlyPresentation(snapshot, now, locale, timeZone, TextCleaner()) {}
+
+MeterlyPresentation::MeterlyPresentation(const MeterlySnapshot& snapshot, const QDateTime& now,
+                                         const QLocale& locale, const QTimeZone& timeZone,
+                                         const TextCleaner& plain) {
     const QList<MeterlySnapshot::Seat> sorted = sortedSeats(snapshot.seats);
-    const TextCleaner clean(sorted);
+    const TextCleaner clean(sorted, plain);
 
     seats.reserve(sorted.size());
     for (const auto& seat : sorted) {
-        seats.append(presentSeat(seat, snapshot, now, locale, timeZone, clean));
+        seats.append(presentSeat(seat, snapshot, now, locale, timeZone, clean, plain));
     }
     summary = clean.clean(snapshot.summary.value_or(QString()));
 
@@ -358,7 +434,7 @@ MeterlyPresentation::MeterlyPresentation(const MeterlySnapshot& snapshot, const 
 
     // The structured alerts, when the tool gives them, are the whole story: a
     // plain line that no detail claims is not notified.
-    notifications = snapshot.alertsDetail ? notificationsFromDetails(snapshot, sorted, clean)
+    notifications = snapshot.alertsDetail ? notificationsFromDetails(snapshot, sorted, clean, plain)
                                           : notificationsFromAlerts(snapshot, sorted, clean);
 }
 

@@ -13,6 +13,7 @@
 #include <QLocale>
 #include <QTimeZone>
 #include <QUrl>
+#include <array>
 
 namespace tessel {
 
@@ -21,11 +22,21 @@ namespace tessel {
 // holds nothing between readings.
 class TextCleaner {
 public:
+    // Without seats: no identifiers to replace.
+    TextCleaner() = default;
     explicit TextCleaner(const QList<MeterlySnapshot::Seat>& seats);
+    // `plain`, a cleaner without seats, gives the seats' short names.
+    TextCleaner(const QList<MeterlySnapshot::Seat>& seats, const TextCleaner& plain);
     QString clean(const QString& text) const;
 
 private:
+    void addSeats(const QList<MeterlySnapshot::Seat>& seats, const TextCleaner& plain);
+    bool holdsAnIdentifier(QStringView text) const;
+
     QList<std::pair<QString, QString>> replacements_; // id → short name, longest id first
+    // Places in `replacements_` by the identifier's first character, ASCII
+    // characters each their own, every other character in the last slot.
+    std::array<QList<qsizetype>, 129> byFirst_;
     mutable QHash<QString, QString> memo_;
 };
 
@@ -79,6 +90,9 @@ struct MeterlyPresentation {
 
     MeterlyPresentation(const MeterlySnapshot& snapshot, const QDateTime& now,
                         const QLocale& locale, const QTimeZone& timeZone);
+    // The same, sharing a caller's cleaner without seats.
+    MeterlyPresentation(const MeterlySnapshot& snapshot, const QDateTime& now,
+                        const QLocale& locale, const QTimeZone& timeZone, const TextCleaner& plain);
 
     // The text cleaner. Times found in the text are written in the process's
     // current locale and time zone.

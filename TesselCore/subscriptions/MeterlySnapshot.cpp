@@ -86,18 +86,37 @@ std::string toUtf8(const QString& text) {
     return text.toStdString();
 }
 
+// Where a value sits in the reading ("seats[3].windows[0]"), spelled out only
+// when a fault needs it.
+struct Path {
+    const Path* parent = nullptr;
+    const char* key = nullptr; // or
+    std::size_t index = 0;     // in the parent list
+
+    Path child(const char* name) const { return {this, name, 0}; }
+    Path element(std::size_t i) const { return {this, nullptr, i}; }
+    QString text() const {
+        if (!parent) {
+            return QString();
+        }
+        const QString above = parent->text();
+        if (!key) {
+            return above + u'[' + QString::number(index) + u']';
+        }
+        return above.isEmpty() ? QString::fromLatin1(key) : above + u'.' + QLatin1String(key);
+    }
+};
+
 // Reads one JSON object by key, naming where a fault sits so the failure says
 // which seat or window broke the reading.
 class ObjectReader {
 public:
-    ObjectReader(const json& value, QString path) : path_(std::move(path)) {
+    ObjectReader(const json& value, Path path) : path_(path) {
         if (!value.is_object()) {
-            fail(path_, u"an object"_s);
+            fail(path_.text(), u"an object"_s);
         }
         object_ = &value;
     }
-
-    const QString& path() const { return path_; }
 
     const json& required(const char* key) const {
         const auto it = object_->find(key);
@@ -183,12 +202,7 @@ public:
         return value;
     }
 
-    QString child(const char* key) const {
-        return path_.isEmpty() ? QString::fromLatin1(key) : path_ + u'.' + QLatin1String(key);
-    }
-    static QString element(const QString& path, std::size_t index) {
-        return path + u'[' + QString::number(index) + u']';
-    }
+    Path child(const char* key) const { return path_.child(key); }
 
     QString asString(const json& value, const char* key) const {
         if (!value.is_string()) {
@@ -198,7 +212,10 @@ public:
     }
 
 private:
-    QString where() const { return path_.isEmpty() ? u"the reading"_s : path_; }
+    QString where() const {
+        const QString text = path_.text();
+        return text.isEmpty() ? u"the reading"_s : text;
+    }
 
     bool asBool(const json& value, const char* key) const {
         if (!value.is_boolean()) {
@@ -208,7 +225,7 @@ private:
     }
 
     [[noreturn]] void fail(const char* key, const QString& expected) const {
-        fail(child(key), expected);
+        fail(child(key).text(), expected);
     }
     [[noreturn]] static void fail(const QString& at, const QString& expected) {
         throw DecodingError(
@@ -216,11 +233,11 @@ private:
     }
 
     const json* object_ = nullptr;
-    QString path_;
+    Path path_;
 };
 
-MeterlySnapshot::Window decodeWindow(const json& value, QString path) {
-    const ObjectReader r(value, std::move(path));
+MeterlySnapshot::Window decodeWindow(const json& value, Path path) {
+    const ObjectReader r(value, path);
     MeterlySnapshot::Window w;
     w.kind = r.enumeration("kind", windowKinds, MeterlyWindowKind::unknown);
     w.label = r.string("label");
@@ -233,8 +250,8 @@ MeterlySnapshot::Window decodeWindow(const json& value, QString path) {
     return w;
 }
 
-MeterlySnapshot::Seat decodeSeat(const json& value, QString path) {
-    const ObjectReader r(value, std::move(path));
+MeterlySnapshot::Seat decodeSeat(const json& value, Path path) {
+    const ObjectReader r(value, path);
     MeterlySnapshot::Seat s;
     s.id = r.string("id");
     s.provider = r.enumeration("provider", providers, MeterlyProvider::unknown);
@@ -245,10 +262,10 @@ MeterlySnapshot::Seat decodeSeat(const json& value, QString path) {
     s.role = r.optionalString("role");
     s.live = r.boolean("live");
     const json& windows = r.array("windows");
-    const QString windowsPath = r.child("windows");
+    const Path windowsPath = r.child("windows");
     s.windows.reserve(static_cast<qsizetype>(windows.size()));
     for (std::size_t i = 0; i < windows.size(); ++i) {
-        s.windows.append(decodeWindow(windows[i], ObjectReader::element(windowsPath, i)));
+        s.windows.append(decodeWindow(windows[i], windowsPath.element(i)));
     }
     {
         const ObjectReader a(r.required("advice"), r.child("advice"));
@@ -281,14 +298,16 @@ MeterlySnapshot::Seat decodeSeat(const json& value, QString path) {
 }
 
 MeterlySnapshot decode(const json& root) {
-    const ObjectReader r(root, QString());
+    const Path top;
+    const ObjectReader r(root, top);
     MeterlySnapshot snapshot;
     snapshot.fetchedAt = r.string("fetched_at");
 
     const json& seats = r.array("seats");
+    const Path seatsPath = top.child("seats");
     snapshot.seats.reserve(static_cast<qsizetype>(seats.size()));
     for (std::size_t i = 0; i < seats.size(); ++i) {
-        snapshot.seats.append(decodeSeat(seats[i], ObjectReader::element(u"seats"_s, i)));
+        snapshot.seats.append(decodeSeat(seats[i], seatsPath.element(i)));
     }
 
     const json& alerts = r.array("alerts");
@@ -306,18 +325,20 @@ MeterlySnapshot decode(const json& root) {
     }
 
     const json& timeline = r.array("timeline");
+    const Path timelinePath = top.child("timeline");
     snapshot.timeline.reserve(static_cast<qsizetype>(timeline.size()));
     for (std::size_t i = 0; i < timeline.size(); ++i) {
-        const ObjectReader t(timeline[i], ObjectReader::element(u"timeline"_s, i));
+        const ObjectReader t(timeline[i], timelinePath.element(i));
         snapshot.timeline.append({t.string("seat"), t.string("label"), t.string("resets_at")});
     }
 
     snapshot.summary = r.optionalString("summary");
     if (const json* details = r.optionalArray("alerts_detail")) {
+        const Path detailsPath = top.child("alerts_detail");
         QList<MeterlySnapshot::AlertDetail> list;
         list.reserve(static_cast<qsizetype>(details->size()));
         for (std::size_t i = 0; i < details->size(); ++i) {
-            const ObjectReader d((*details)[i], ObjectReader::element(u"alerts_detail"_s, i));
+            const ObjectReader d((*details)[i], detailsPath.element(i));
             MeterlySnapshot::AlertDetail detail;
             detail.seat = d.string("seat");
             detail.title = d.optionalString("title");
@@ -530,16 +551,23 @@ std::optional<double> MeterlySnapshot::Seat::displayBindingPct() const {
 }
 
 QString MeterlySnapshot::Seat::displayShort() const {
-    QString name = provider == MeterlyProvider::claude ? account : providerLabel;
-    if (shortName && !shortName->isEmpty()) {
-        name = *shortName;
-    }
-    return MeterlyPresentation::human(name, {});
+    return displayShort(TextCleaner());
 }
 
 QString MeterlySnapshot::Seat::displayLabel() const {
+    return displayLabel(TextCleaner());
+}
+
+QString MeterlySnapshot::Seat::displayShort(const TextCleaner& plain) const {
+    const QString& name = shortName && !shortName->isEmpty()    ? *shortName
+                          : provider == MeterlyProvider::claude ? account
+                                                                : providerLabel;
+    return plain.clean(name);
+}
+
+QString MeterlySnapshot::Seat::displayLabel(const TextCleaner& plain) const {
     if (label && !label->isEmpty()) {
-        return MeterlyPresentation::human(*label, {});
+        return plain.clean(*label);
     }
     std::optional<QString> secondary;
     if (provider == MeterlyProvider::claude) {
@@ -548,7 +576,7 @@ QString MeterlySnapshot::Seat::displayLabel() const {
         secondary = plan;
     }
     QStringList parts;
-    const QString name = displayShort();
+    const QString name = displayShort(plain);
     if (!name.isEmpty()) {
         parts.append(name);
     }

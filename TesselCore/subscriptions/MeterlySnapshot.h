@@ -23,6 +23,8 @@
 
 namespace tessel {
 
+class TextCleaner;
+
 // The six display colours; the views choose the actual colours.
 enum class MeterlyTint { secondary, green, orange, red, grey, accent };
 
@@ -126,6 +128,10 @@ struct MeterlySnapshot {
         std::optional<double> displayBindingPct() const;
         QString displayShort() const;
         QString displayLabel() const;
+        // The same, cleaned by `plain` (a cleaner without seats) so a caller
+        // that needs many of them cleans each distinct text once.
+        QString displayShort(const TextCleaner& plain) const;
+        QString displayLabel(const TextCleaner& plain) const;
         QString notificationTitle() const;
         bool operator==(const Seat&) const = default;
     };

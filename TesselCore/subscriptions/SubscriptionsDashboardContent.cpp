@@ -55,7 +55,8 @@ QString formatted(const QDateTime& instant, const QString& pattern, const QLocal
 // order, then any "word:value" loses its word, not only a provider's.
 class DashboardCleaner {
 public:
-    explicit DashboardCleaner(const QList<MeterlySnapshot::Seat>& seats) : human_(seats) {}
+    DashboardCleaner(const QList<MeterlySnapshot::Seat>& seats, const TextCleaner& plain)
+        : human_(seats, plain) {}
 
     QString clean(const QString& raw) const {
         if (const auto it = memo_.constFind(raw); it != memo_.constEnd()) {
@@ -76,26 +77,35 @@ private:
     mutable QHash<QString, QString> memo_;
 };
 
-// The window's own lookup: a provider's name prefers its live seat.
+// The window's own lookup: a provider's name prefers its live seat. `shorts`
+// holds each seat's short name, worked out once for the whole build.
 const MeterlySnapshot::Seat* lookup(const QString& reference,
-                                    const QList<MeterlySnapshot::Seat>& seats) {
+                                    const QList<MeterlySnapshot::Seat>& seats,
+                                    const QStringList& shorts) {
     const auto first = [&](auto matches) -> const MeterlySnapshot::Seat* {
-        const auto it = std::find_if(seats.begin(), seats.end(), matches);
-        return it == seats.end() ? nullptr : &*it;
+        for (qsizetype i = 0; i < seats.size(); ++i) {
+            if (matches(i)) {
+                return &seats[i];
+            }
+        }
+        return nullptr;
     };
-    if (const auto* seat = first([&](const auto& s) { return s.id == reference; })) {
+    if (const auto* seat = first([&](qsizetype i) { return seats[i].id == reference; })) {
         return seat;
     }
-    if (const auto* seat =
-            first([&](const auto& s) { return s.live && rawValue(s.provider) == reference; })) {
-        return seat;
-    }
-    if (const auto* seat =
-            first([&](const auto& s) { return rawValue(s.provider) == reference; })) {
-        return seat;
+    const auto provider = meterlyProvider(reference);
+    const bool isProvider = provider != MeterlyProvider::unknown || reference == u"unknown";
+    if (isProvider) {
+        if (const auto* seat = first(
+                [&](qsizetype i) { return seats[i].live && seats[i].provider == provider; })) {
+            return seat;
+        }
+        if (const auto* seat = first([&](qsizetype i) { return seats[i].provider == provider; })) {
+            return seat;
+        }
     }
     return first(
-        [&](const auto& s) { return s.account == reference || s.displayShort() == reference; });
+        [&](qsizetype i) { return seats[i].account == reference || shorts[i] == reference; });
 }
 
 std::pair<QString, QString> age(const std::optional<QDateTime>& fetched, const QDateTime& now,
@@ -115,6 +125,14 @@ std::pair<QString, QString> age(const std::optional<QDateTime>& fetched, const Q
         return {u"Updated %1h ago"_s.arg(minutes / 60), when};
     }
     return {u"Updated %1d ago"_s.arg(minutes / 1440), when};
+}
+
+QString clockTime(QTime time) {
+    const int h = time.hour();
+    const int m = time.minute();
+    const char16_t text[5] = {char16_t(u'0' + h / 10), char16_t(u'0' + h % 10), u':',
+                              char16_t(u'0' + m / 10), char16_t(u'0' + m % 10)};
+    return QString(reinterpret_cast<const QChar*>(text), 5);
 }
 
 int roleRank(const QString& role) {
@@ -202,16 +220,32 @@ QStringList SubscriptionSeatCardContent::buttons() const {
 SubscriptionsDashboardContent::SubscriptionsDashboardContent(const MeterlySnapshot& snapshot,
                                                              const QDateTime& now,
                                                              const QLocale& locale,
-                                                             const QTimeZone& timeZone) {
-    const MeterlyPresentation presentation(snapshot, now, locale, timeZone);
+                                                             const QTimeZone& timeZone)
+    : SubscriptionsDashboardContent(snapshot, MeterlyPresentation(snapshot, now, locale, timeZone),
+                                    now, locale, timeZone) {}
+
+SubscriptionsDashboardContent::SubscriptionsDashboardContent(
+    const MeterlySnapshot& snapshot, const MeterlyPresentation& presentation, const QDateTime& now,
+    const QLocale& locale, const QTimeZone& timeZone) {
     summary = presentation.summary;
     summaryTint = presentation.summaryTint;
     std::tie(updated, fetched) =
         age(MeterlySnapshot::date(snapshot.fetchedAt), now, locale, timeZone);
 
     const QList<MeterlySnapshot::Seat>& seats = snapshot.seats;
-    const TextCleaner human(seats);
-    const DashboardCleaner clean(seats);
+    const TextCleaner plain;
+    QStringList shorts;
+    shorts.reserve(seats.size());
+    for (const auto& seat : seats) {
+        shorts.append(seat.displayShort(plain));
+    }
+    const auto find =
+        [&](const QString& reference) -> std::pair<const MeterlySnapshot::Seat*, QString> {
+        const MeterlySnapshot::Seat* seat = lookup(reference, seats, shorts);
+        return {seat, seat ? shorts[seat - seats.data()] : reference};
+    };
+    const TextCleaner human(seats, plain);
+    const DashboardCleaner clean(seats, plain);
 
     cards.reserve(presentation.seats.size());
     for (const auto& seat : presentation.seats) {
@@ -225,7 +259,7 @@ SubscriptionsDashboardContent::SubscriptionsDashboardContent(const MeterlySnapsh
     if (snapshot.alertsDetail) {
         qint64 index = 0;
         for (const auto& entry : *snapshot.alertsDetail) {
-            const MeterlySnapshot::Seat* seat = lookup(entry.seat, seats);
+            const MeterlySnapshot::Seat* seat = find(entry.seat).first;
             QString title = entry.title       ? *entry.title
                             : seat            ? seat->notificationTitle()
                             : entry.shortName ? *entry.shortName
@@ -247,15 +281,21 @@ SubscriptionsDashboardContent::SubscriptionsDashboardContent(const MeterlySnapsh
                      [](const QString& a, const QString& b) { return roleRank(a) < roleRank(b); });
     for (const auto& role : roles) {
         const QString& reference = snapshot.next.at(role);
-        const MeterlySnapshot::Seat* seat = lookup(reference, seats);
-        spendOrder.append({clean.clean(capitalised(role)),
-                           clean.clean(seat ? seat->displayShort() : reference),
+        const auto [seat, name] = find(reference);
+        spendOrder.append({clean.clean(capitalised(role)), clean.clean(name),
                            seat ? std::optional<QString>(seat->id) : std::nullopt});
     }
 
     const QDateTime local = now.toTimeZone(timeZone);
     const QDateTime horizon = local.addDays(7);
-    QList<Event> events;
+    // Hundreds of events: each is taken to the zone once, and "HH:mm" is
+    // written by hand where the locale's digits are the ASCII ones.
+    const bool asciiDigits = locale.zeroDigit() == u"0"_s;
+    struct Placed {
+        Event event;
+        QDate day;
+    };
+    QList<Placed> placed;
     qint64 index = 0;
     for (const auto& entry : snapshot.timeline) {
         const qint64 id = index++;
@@ -269,20 +309,19 @@ SubscriptionsDashboardContent::SubscriptionsDashboardContent(const MeterlySnapsh
                              : label.contains(u"reset"_s, Qt::CaseInsensitive)
                                  ? label
                                  : label + u" resets"_s;
-        const MeterlySnapshot::Seat* seat = lookup(entry.seat, seats);
-        const QString seatName = clean.clean(seat ? seat->displayShort() : entry.seat);
-        events.append(
-            {id, *when,
-             formatted(*when, u"HH:mm"_s, locale, timeZone) + u" · "_s + seatName + u" · "_s + word,
-             isRenewal});
+        const QString seatName = clean.clean(find(entry.seat).second);
+        const QDateTime there = when->toTimeZone(timeZone);
+        const QString time =
+            asciiDigits ? clockTime(there.time()) : locale.toString(there.time(), u"HH:mm"_s);
+        placed.append(
+            {{id, *when, time + u" · "_s + seatName + u" · "_s + word, isRenewal}, there.date()});
     }
-    std::stable_sort(events.begin(), events.end(), [](const Event& a, const Event& b) {
-        return a.date != b.date ? a.date < b.date : a.id < b.id;
+    std::stable_sort(placed.begin(), placed.end(), [](const Placed& a, const Placed& b) {
+        return a.event.date != b.event.date ? a.event.date < b.event.date : a.event.id < b.event.id;
     });
 
     const QDate today = local.date();
-    for (auto& event : events) {
-        const QDate day = event.date.toTimeZone(timeZone).date();
+    for (auto& [event, day] : placed) {
         if (days.isEmpty() || days.last().id.date() != day) {
             QString title = day == today              ? u"Today"_s
                             : day == today.addDays(1) ? u"Tomorrow"_s

@@ -103,6 +103,11 @@ struct SubscriptionsDashboardContent {
 
     SubscriptionsDashboardContent(const MeterlySnapshot& snapshot, const QDateTime& now,
                                   const QLocale& locale, const QTimeZone& timeZone);
+    // With the presentation of the same reading, clock, locale and zone, when
+    // the caller has built it already.
+    SubscriptionsDashboardContent(const MeterlySnapshot& snapshot,
+                                  const MeterlyPresentation& presentation, const QDateTime& now,
+                                  const QLocale& locale, const QTimeZone& timeZone);
 
     // The spend pairs that name a seat, for the "Use now" buttons.
     QList<SpendPair> useNow() const;

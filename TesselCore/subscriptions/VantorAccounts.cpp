@@ -2,6 +2,7 @@
 
 #include "net/InternetDate.h"
 #include "subscriptions/ToolText.h"
+#include "tools/HelperInstaller.h"
 
 namespace tessel {
 
@@ -48,6 +49,24 @@ VantorAccountsError VantorAccountsError::from(const ToolOutput& output) {
     const QString& words =
         output.standardError.isEmpty() ? output.standardOutput : output.standardError;
     return VantorAccountsError(trimLineBreaks(words), output.exitCode);
+}
+
+std::optional<QString> VantorAccountsCLI::resolveBinary(const QProcessEnvironment& environment,
+                                                        const QString& home) {
+    return HelperInstaller::resolve(u"vantor-accounts"_s, u"VANTOR_ACCOUNTS_BIN"_s, environment,
+                                    home);
+}
+
+ToolRunner VantorAccountsCLI::runner(const QString& binary) {
+    return makeToolRunner(binary,
+                          HelperInstaller::environment(QProcessEnvironment::systemEnvironment()));
+}
+
+QString VantorAccountsCLI::notInstalled(const QProcessEnvironment& environment,
+                                        const QString& home) {
+    return HelperInstaller::failure(
+        u"Could not resolve vantor-accounts."_s,
+        HelperInstaller::directory(HelperInstaller::dataDirectory(environment, home)));
 }
 
 QList<VantorAccount> VantorAccountsCLI::parse(const QString& tsv) {

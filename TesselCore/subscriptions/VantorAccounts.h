@@ -9,6 +9,7 @@
 
 #include <QDateTime>
 #include <QList>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 
@@ -56,6 +57,14 @@ private:
 };
 
 namespace VantorAccountsCLI {
+
+// The tool's file: the one VANTOR_ACCOUNTS_BIN names, else the usual places.
+std::optional<QString> resolveBinary(const QProcessEnvironment& environment, const QString& home);
+// Runs `binary` with this process's environment as it is now, PATH set to the
+// helpers' one.
+ToolRunner runner(const QString& binary);
+// What the window says when the tool is nowhere to be found.
+QString notInstalled(const QProcessEnvironment& environment, const QString& home);
 
 // Rows of the tab-separated status; a line that breaks the format is dropped,
 // the lines around it stand. No valid line gives an empty list, not a failure.

@@ -118,7 +118,8 @@ TEST_F(DashboardTest, SpendOrderAttentionAndCards) {
     MeterlyPresentation::Seat orphan;
     orphan.provider = MeterlyProvider::openrouter;
     orphan.shortName = u"or"_s;
-    const SubscriptionSeatCardContent card(orphan, nullptr, {}, testLocale(), testZone());
+    const SubscriptionSeatCardContent card(orphan, nullptr, QList<MeterlySnapshot::Seat>(),
+                                           testLocale(), testZone());
     EXPECT_EQ(card.name, u"or"_s);
     EXPECT_EQ(card.renewalSource, u"not exposed by Openrouter"_s);
 }

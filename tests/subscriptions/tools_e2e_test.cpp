@@ -1,0 +1,107 @@
+// The two sibling tools as real processes: velmora-faketool plays them, found
+// through the override variables and run with the helpers' PATH.
+#include "subscriptions/Meterly.h"
+
+#include "support/FakeTool.h"
+#include "support/Wait.h"
+#include "tools/HelperInstaller.h"
+
+#include <QDir>
+#include <gtest/gtest.h>
+
+using namespace tessel;
+using namespace tessel::test;
+using namespace Qt::Literals::StringLiterals;
+using nlohmann::json;
+
+namespace {
+
+struct SiblingToolsTest : ::testing::Test {
+    FakeTool tool;
+
+    // The runners read the process environment when they are made, so the
+    // scenario reaches the tool through it.
+    void SetUp() override {
+        const auto environment = tool.environment();
+        for (const char* name : {"VELMORA_FAKETOOL_SCENARIO", "VELMORA_FAKETOOL_LOG"}) {
+            qputenv(name, environment.value(QString::fromLatin1(name)).toUtf8());
+        }
+    }
+
+    static QProcessEnvironment overriding(const char* variable, const QString& path) {
+        QProcessEnvironment environment;
+        environment.insert(QString::fromLatin1(variable), path);
+        return environment;
+    }
+};
+
+} // namespace
+
+TEST_F(SiblingToolsTest, AccountsTool) {
+    const QString installed = tool.install(u"vantor-accounts"_s);
+    const auto binary = VantorAccountsCLI::resolveBinary(
+        overriding("VANTOR_ACCOUNTS_BIN", installed), QDir::homePath());
+    ASSERT_EQ(binary, installed);
+    tool.answer(json::array({
+        {{"args", {"--tsv", "status"}},
+         {"steps",
+          json::array({{{"stdout", "*\tmain\tm@x.io\t42\t\t\t\t\t30d\t\n-\tbroken line\n"}}})}},
+        {{"args", {"alerts"}},
+         {"steps", json::array({{{"stdout", "main: 5h capped\n"}}})},
+         {"exit", 1}},
+        {{"args_prefix", {"use"}},
+         {"steps", json::array({{{"stderr", "no account named x\n"}}})},
+         {"exit", 2}},
+    }));
+    const auto client = VantorAccountsClient::create(VantorAccountsCLI::runner(*binary), 0);
+
+    const auto accounts = wait(client->status());
+    ASSERT_EQ(accounts.size(), 1);
+    EXPECT_EQ(accounts[0].refreshDays, 30);
+    EXPECT_EQ(wait(client->alerts()), QStringList{u"main: 5h capped"_s});
+    try {
+        wait(client->use(u"x"_s));
+        ADD_FAILURE();
+    } catch (const VantorAccountsError& error) {
+        EXPECT_EQ(error.sentence(), u"no account named x"_s);
+        EXPECT_EQ(error.exitCode(), 2);
+    }
+
+    const auto runs = tool.runs();
+    ASSERT_EQ(runs.size(), 3u);
+    EXPECT_EQ(runs[2]["args"], json::array({"use", "x"}));
+    EXPECT_EQ(runs[0]["stdin"], "null");
+    const QString privateBin = HelperInstaller::directory(
+        HelperInstaller::dataDirectory(QProcessEnvironment::systemEnvironment(), QDir::homePath()));
+    EXPECT_TRUE(QString::fromStdString(runs[0]["path"]).startsWith(privateBin + u":/usr/bin:"_s));
+}
+
+TEST_F(SiblingToolsTest, MeterlyReadingAndItsFailure) {
+    const QString installed = tool.install(u"meterly"_s);
+    EXPECT_FALSE(MeterlyCLI::resolveBinary(overriding("METERLY_BIN", installed + u".gone"_s),
+                                           QDir::homePath()));
+    const auto binary =
+        MeterlyCLI::resolveBinary(overriding("METERLY_BIN", installed), QDir::homePath());
+    ASSERT_EQ(binary, installed);
+    EXPECT_EQ(MeterlyCLI::notInstalled(QProcessEnvironment(), u"/home/u"_s),
+              u"Helpers could not be installed to /home/u/.local/share/Velmora/bin: "
+              "Could not resolve meterly."_s);
+
+    const std::string reading =
+        R"({"fetched_at":"2024-05-06T10:00:00Z","seats":[],"alerts":[],"next":{},"timeline":[]})";
+    tool.answer(json::array({{{"steps", json::array({{{"stdout", reading}}})}}}));
+    EXPECT_EQ(wait(MeterlyClient::create(MeterlyCLI::runner(*binary), 60)->status()).fetchedAt,
+              u"2024-05-06T10:00:00Z"_s);
+
+    tool.answer(json::array(
+        {{{"steps", json::array({{{"stdout", "partial"}}, {{"stderr", "\nno config\n"}}})},
+          {"exit", 3}}}));
+    try {
+        wait(MeterlyClient::create(MeterlyCLI::runner(*binary), 60)->status());
+        ADD_FAILURE();
+    } catch (const VantorAccountsError& error) {
+        EXPECT_EQ(error.sentence(), u"no config"_s);
+        EXPECT_EQ(error.exitCode(), 3);
+    }
+    EXPECT_EQ(tool.runs().at(0)["args"], json::array({"status", "--json"}));
+}
