@@ -67,9 +67,17 @@ Step stepFrom(const json& entry, const std::vector<std::string>& arguments,
         step.seconds = entry.at("sleep").get<double>();
         return step;
     }
-    if (entry.contains("touch")) {
-        step.kind = Step::Kind::touch;
-        step.path = resolved(directory, entry.at("touch").get<std::string>());
+    if (entry.contains("write_file")) {
+        step.kind = Step::Kind::writeFile;
+        step.path = resolved(directory, entry.at("write_file").get<std::string>());
+        step.bytes = entry.value("text", std::string());
+        if (entry.value("expand", false)) {
+            step.bytes = expand(step.bytes, arguments);
+        }
+        return step;
+    }
+    if (entry.contains("stdout_file")) {
+        step.bytes = contentOf(resolved(directory, entry.at("stdout_file").get<std::string>()));
         return step;
     }
     const std::pair<const char*, int> texts[] = {{"stdout", 1}, {"stderr", 2}};
@@ -90,7 +98,8 @@ Step stepFrom(const json& entry, const std::vector<std::string>& arguments,
         return step;
     }
     throw std::runtime_error(
-        "a step needs stdout, stderr, stdout_hex, stderr_hex, sleep or touch: " + entry.dump());
+        "a step needs stdout, stderr, stdout_hex, stderr_hex, stdout_file, sleep or write_file: " +
+        entry.dump());
 }
 
 bool exists(const std::string& path) {
@@ -113,6 +122,13 @@ bool matches(const json& run, const std::string& tool, const std::vector<std::st
     }
     if (run.contains("args") && run.at("args").get<std::vector<std::string>>() != arguments) {
         return false;
+    }
+    if (run.contains("args_contains")) {
+        for (const auto& wanted : run.at("args_contains").get<std::vector<std::string>>()) {
+            if (std::find(arguments.begin(), arguments.end(), wanted) == arguments.end()) {
+                return false;
+            }
+        }
     }
     if (run.contains("args_prefix")) {
         const auto prefix = run.at("args_prefix").get<std::vector<std::string>>();

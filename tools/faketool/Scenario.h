@@ -7,13 +7,15 @@
 //         "tool": "vantor-accounts",           the name it was started under (optional)
 //         "args": ["--tsv", "status"],         exactly these arguments (optional)
 //         "args_prefix": ["use"],              or arguments that begin so (optional)
-//         "when_file": "set-up.done",           only while this file exists (optional)
-//         "unless_file": "set-up.done",         only while it does not (optional)
+//         "args_contains": ["--dry-run"],      and that hold these (optional)
+//         "when_file": "after.json",           only while this file exists (optional)
+//         "unless_file": "after.json",         only while it does not (optional)
 //         "steps": [                           done in order
 //           {"stdout": "text"}, {"stderr": "text", "repeat": 1024},
 //           {"stdout_hex": "ff0a"}, {"sleep": 0.25},
 //           {"stdout": "token ${--token-file}", "expand": true},
-//           {"touch": "set-up.done"}
+//           {"write_file": "after.json", "text": "...", "expand": true},
+//           {"stdout_file": "after.json"}
 //         ],
 //         "exit": 0,                           the exit status (default 0)
 //         "signal": 15                         or end by this signal
@@ -23,9 +25,9 @@
 //
 // With "expand", ${--name} in a text becomes the argument that follows "--name"
 // on the command line or, for a "--name-file" option, that file's content: how
-// the stand-in echoes back what it was given. "touch" creates a file, so that a
-// later run answers differently ("when_file"). Relative paths are relative to
-// the scenario file's directory.
+// the stand-in echoes back what it was given. "write_file" writes a file, so a
+// later run can answer differently ("when_file") or print it ("stdout_file").
+// Relative paths are relative to the scenario file's directory.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -37,13 +39,13 @@
 namespace faketool {
 
 struct Step {
-    enum class Kind { write, sleep, touch };
+    enum class Kind { write, sleep, writeFile };
     Kind kind = Kind::write;
     int fd = 1;         // write: 1 or 2
-    std::string bytes;  // write: what, once
+    std::string bytes;  // write, writeFile: what, once
     long repeat = 1;    // write: how many times
     double seconds = 0; // sleep
-    std::string path;   // touch
+    std::string path;   // writeFile
 };
 
 struct Answer {

@@ -135,14 +135,18 @@ int play(const faketool::Answer& answer) {
             std::this_thread::sleep_for(std::chrono::duration<double>(step.seconds));
             continue;
         }
-        if (step.kind == faketool::Step::Kind::touch) {
-            const int fd = ::open(step.path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-            if (fd < 0) {
-                std::fprintf(stderr, "%s: cannot touch %s: %s\n", self, step.path.c_str(),
+        if (step.kind == faketool::Step::Kind::writeFile) {
+            const int fd =
+                ::open(step.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            const bool written = fd >= 0 && writeAll(fd, step.bytes);
+            if (fd >= 0) {
+                ::close(fd);
+            }
+            if (!written) {
+                std::fprintf(stderr, "%s: cannot write %s: %s\n", self, step.path.c_str(),
                              std::strerror(errno));
                 return 74;
             }
-            ::close(fd);
             continue;
         }
         std::string bytes;

@@ -1,0 +1,16 @@
+// The main of test executables that show widgets: a QApplication instead of
+// the plain core application. Linked in place of test_main.cpp, which the
+// linker then leaves in the support library.
+#include <QApplication>
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv) {
+    QApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    const int result = RUN_ALL_TESTS();
+    for (int round = 0; round < 10; ++round) {
+        QCoreApplication::sendPostedEvents();
+        QCoreApplication::processEvents();
+    }
+    return result;
+}
