@@ -142,9 +142,11 @@ QString InfraStatus::Supervisor::humanLine() const {
     return detail ? *detail : label + u" is not loaded"_s;
 }
 
+// An isolated conductor runs as a system-wide service that only an
+// administrator changes; this user's agent supervisor has no hand in it.
 QString InfraStatus::Organisation::managementHelp() const {
     return mode == Mode::isolated
-               ? u"managed by a LaunchDaemon; use the isolated-conductor runbook"_s
+               ? u"managed by a systemd system service; use the isolated-conductor runbook"_s
                : u"Managed by the agent supervisor"_s;
 }
 

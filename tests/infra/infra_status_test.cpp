@@ -64,13 +64,6 @@ TEST(InfraStatusTest, DerivedValues) {
     ASSERT_TRUE(status.organisation(u"acme.example"_s));
     EXPECT_EQ(status.organisation(u"acme.example"_s)->orgURL, u"https://Acme.Example/x"_s);
     EXPECT_FALSE(status.organisation(u""_s));
-
-    InfraStatus::Organisation isolated = status.orgs[1];
-    isolated.mode = InfraStatus::Mode::isolated;
-    EXPECT_FALSE(isolated.canRestart());
-    EXPECT_FALSE(isolated.canSetup());
-    isolated.conductor.openURL = u"https://acme.example:8443/"_s;
-    EXPECT_EQ(isolated.openURL(), QUrl(u"https://acme.example:8443/"_s));
 }
 
 TEST(InfraStatusTest, WebURLChecksTheRawText) {
