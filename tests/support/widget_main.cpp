@@ -5,6 +5,11 @@
 #include <gtest/gtest.h>
 
 int main(int argc, char** argv) {
+    // ctest lists the tests by running this without the tests' environment, and
+    // a machine without a display has no other platform to open.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
     QApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
     const int result = RUN_ALL_TESTS();
