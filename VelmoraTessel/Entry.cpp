@@ -5,6 +5,7 @@
 
 #include "async/Async.h"
 #include "errors/Failures.h"
+#include "identity/Endpoints.h"
 
 #include <QCoreApplication>
 #include <QStringList>
@@ -78,6 +79,13 @@ int Entry::main(int argc, char** argv) {
     if (arguments.size() >= 2) {
         print(stderr, QStringLiteral("Unknown command — use --help or capture.\n") + usageText());
         return 2;
+    }
+    // A broken endpoints file stops the program before anything starts.
+    try {
+        Endpoints::fromEnvironment();
+    } catch (const TesselError& error) {
+        print(stderr, QStringLiteral("Velmora Tessel: ") + error.message());
+        return 1;
     }
     return runTrayApp(argc, argv);
 }

@@ -10,7 +10,7 @@ packages=(
   libsecret-1-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   ffmpeg pulseaudio pulseaudio-utils espeak-ng sox
-  dbus dbus-daemon gnome-keyring curl ca-certificates openssl procps
+  dbus dbus-daemon gnome-keyring libsecret-tools curl ca-certificates openssl procps
   unzip python3
 )
 

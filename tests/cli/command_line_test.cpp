@@ -3,7 +3,9 @@
 #include "CaptureCLI.h"
 #include "Entry.h"
 
+#include <QFile>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 using namespace tessel;
@@ -72,6 +74,28 @@ TEST(Entry, HelpAndUnknownCommands) {
     EXPECT_EQ(unknown.status, 2);
     EXPECT_EQ(unknown.out, "");
     EXPECT_EQ(unknown.err, QStringLiteral("Unknown command — use --help or capture.\n") + usage);
+}
+
+// A broken endpoints file stops the application form with one line, before
+// any window or tray icon exists.
+TEST(Entry, MalformedEndpointsFileStopsTheStart) {
+    QTemporaryDir dir;
+    QFile file(dir.filePath("endpoints.json"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(R"({"auth_url": "https://127.0.0.1:1"})");
+    file.close();
+    QProcess process;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("VELMORA_TESSEL_ENDPOINTS", file.fileName());
+    process.setProcessEnvironment(env);
+    process.start(QStringLiteral(TESSEL_APP_PATH), {});
+    ASSERT_TRUE(process.waitForFinished(30000));
+    EXPECT_EQ(process.exitCode(), 1);
+    const QString err = QString::fromUtf8(process.readAllStandardError());
+    EXPECT_TRUE(err.startsWith("Velmora Tessel: VELMORA_TESSEL_ENDPOINTS file " + file.fileName() +
+                               ": unknown key \"auth_url\""))
+        << err.toStdString();
+    EXPECT_EQ(err.count('\n'), 1);
 }
 
 TEST(CaptureCommand, OptionsThatAreUnknownRepeatedOrIncomplete) {

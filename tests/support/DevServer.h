@@ -34,6 +34,7 @@ public:
     std::string meetBase() const { return origin_ + "/meet"; }
     const std::string& dataDir() const { return dataDir_; }
     const std::string& logPath() const { return logPath_; }
+    const std::string& certPath() const { return certPath_; } // with https only
 
     // A client for the server's origin that trusts its certificate.
     std::unique_ptr<httplib::Client> client() const;
@@ -56,6 +57,22 @@ public:
     // redirect: answer 302 to `location` and do nothing.
     void redirect(const std::string& route, int count, const std::string& location) const {
         fault(route, count, {{"mode", "redirect"}, {"location", location}});
+    }
+
+    // Any answer for the next `count` requests of a route, also those of the
+    // device sign-in service: "device_code", "device_token", "device_page".
+    void script(const std::string& route, int count, int status, const std::string& body,
+                const std::string& contentType = "application/json") const {
+        fault(
+            route, count,
+            {{"mode", "fail"}, {"status", status}, {"body", body}, {"content_type", contentType}});
+    }
+    // A device code, by its user code: "approve" (with optional "email",
+    // "expires_in", "token" in `details`), "deny" or "expire".
+    void authorize(const std::string& action, const std::string& userCode,
+                   nlohmann::json details = nlohmann::json::object()) const {
+        details["user_code"] = userCode;
+        control("auth/" + action, details);
     }
 
     // The session token is refused from now on with 401 session_revoked.

@@ -227,6 +227,7 @@ std::string Server::bind() {
     const std::string origin =
         (options_.https ? "https://" : "http://") + host + ":" + std::to_string(port_);
     storage_.setOrigin(origin);
+    auth_.setOrigin(origin);
     return origin;
 }
 
@@ -259,6 +260,13 @@ Server::Target Server::classify(const httplib::Request& request, const json& bod
     Target target;
     const std::string& path = request.path;
     const std::string collection = options_.basePath + "/api/v1/meetings";
+
+    if (const auto auth = authRoute(request.method, path)) {
+        target.route = auth->name;
+        target.wrongMethod = auth->wrongMethod;
+        target.auth = true;
+        return target;
+    }
 
     if (path.starts_with("/storage/")) {
         const std::string rest = path.substr(9);
@@ -401,6 +409,8 @@ void Server::handle(const httplib::Request& request, httplib::Response& response
         put(target, request, response);
     } else if (target.notify) {
         answer(response, notify(target, request, body));
+    } else if (target.auth) {
+        auth_.serve(target.route, request, response);
     } else {
         answer(response, meet(target, request, body));
     }
@@ -582,6 +592,9 @@ void Server::control(const httplib::Request& request, httplib::Response& respons
 
     if (name.starts_with("notify/")) {
         return answer(response, notify_.control(method, name.substr(7), body));
+    }
+    if (name.starts_with("auth/")) {
+        return answer(response, auth_.control(name.substr(5), method, body));
     }
     if (method == "GET" && name == "log") {
         return answer(response, Reply{200, log_->entries()});

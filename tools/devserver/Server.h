@@ -2,6 +2,7 @@
 // checks tokens and bodies, applies queued faults and logs every answer.
 #pragma once
 
+#include "AuthModel.h"
 #include "Faults.h"
 #include "MeetModel.h"
 #include "NotifyModel.h"
@@ -52,6 +53,7 @@ private:
         bool storage = false;
         bool wrongMethod = false;
         bool notify = false;
+        bool auth = false;
     };
 
     void handle(const httplib::Request& request, httplib::Response& response);
@@ -71,6 +73,7 @@ private:
     Storage storage_;
     MeetModel model_{storage_};
     NotifyModel notify_;
+    AuthModel auth_;
     Faults faults_;
     std::unique_ptr<RequestLog> log_;
 
