@@ -1,7 +1,7 @@
 #include "Entry.h"
 
 #include "CaptureCLI.h"
-#include "TrayApp.h"
+#include "TesselApp.h"
 
 #include "async/Async.h"
 #include "errors/Failures.h"

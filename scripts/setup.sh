@@ -12,6 +12,7 @@ packages=(
   ffmpeg pulseaudio pulseaudio-utils espeak-ng sox
   dbus dbus-daemon gnome-keyring libsecret-tools curl ca-certificates openssl procps
   unzip python3
+  xdg-utils xvfb xdotool x11-utils
 )
 
 sudo_cmd=()

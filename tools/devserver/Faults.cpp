@@ -11,11 +11,13 @@ namespace devserver {
 
 namespace {
 
-const std::array<const char*, 18> routeNames = {"create", "list", "read", "consent", "start", "ack",
+const std::array<const char*, 20> routeNames = {"create", "list", "read", "consent", "start", "ack",
                                                 "join", "snapshot", "request", "stop", "manifest",
                                                 "presign", "complete", "end", "put",
                                                 // the device sign-in service
-                                                "device_code", "device_token", "device_page"};
+                                                "device_code", "device_token", "device_page",
+                                                // the update feed
+                                                "update_feed", "update_image"};
 
 std::optional<std::string> decodeBase64(const std::string& text) {
     if (text.size() % 4 != 0) {

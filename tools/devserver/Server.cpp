@@ -228,6 +228,7 @@ std::string Server::bind() {
         (options_.https ? "https://" : "http://") + host + ":" + std::to_string(port_);
     storage_.setOrigin(origin);
     auth_.setOrigin(origin);
+    updates_.setOrigin(origin);
     return origin;
 }
 
@@ -265,6 +266,13 @@ Server::Target Server::classify(const httplib::Request& request, const json& bod
         target.route = auth->name;
         target.wrongMethod = auth->wrongMethod;
         target.auth = true;
+        return target;
+    }
+
+    if (const auto update = UpdateFeed::route(path)) {
+        target.route = *update;
+        target.wrongMethod = request.method != "GET";
+        target.update = true;
         return target;
     }
 
@@ -411,6 +419,8 @@ void Server::handle(const httplib::Request& request, httplib::Response& response
         answer(response, notify(target, request, body));
     } else if (target.auth) {
         auth_.serve(target.route, request, response);
+    } else if (target.update) {
+        updates_.serve(target.route, response);
     } else {
         answer(response, meet(target, request, body));
     }
@@ -592,6 +602,9 @@ void Server::control(const httplib::Request& request, httplib::Response& respons
 
     if (name.starts_with("notify/")) {
         return answer(response, notify_.control(method, name.substr(7), body));
+    }
+    if (method == "POST" && name == "update") {
+        return answer(response, updates_.control(body));
     }
     if (name.starts_with("auth/")) {
         return answer(response, auth_.control(name.substr(5), method, body));

@@ -8,6 +8,7 @@
 #include "NotifyModel.h"
 #include "RequestLog.h"
 #include "Storage.h"
+#include "UpdateFeed.h"
 
 #include <httplib.h>
 
@@ -54,6 +55,7 @@ private:
         bool wrongMethod = false;
         bool notify = false;
         bool auth = false;
+        bool update = false;
     };
 
     void handle(const httplib::Request& request, httplib::Response& response);
@@ -74,6 +76,7 @@ private:
     MeetModel model_{storage_};
     NotifyModel notify_;
     AuthModel auth_;
+    UpdateFeed updates_;
     Faults faults_;
     std::unique_ptr<RequestLog> log_;
 

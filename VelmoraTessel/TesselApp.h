@@ -1,0 +1,80 @@
+// The application object of the tray form: it builds the models once, the
+// tray icon, the popover and the windows by id, and keeps them for the
+// process's life.
+//
+// Where later models plug in (see TesselApp.cpp, "Later models"): a window
+// factory by id (addWindow), a job that starts once launching ends
+// (delegate().launchJobs), and the model's functions a feed or a dashboard
+// needs (model().tokenProvider(), org(), member(), http()).
+#pragma once
+
+#include "ApplicationDelegate.h"
+#include "PopoverController.h"
+#include "SingleInstance.h"
+#include "app/AppModel.h"
+#include "identity/Endpoints.h"
+#include "tools/HelperInstaller.h"
+#include "tools/HelpersModel.h"
+
+#include <QHash>
+#include <QObject>
+#include <QPointer>
+#include <QSystemTrayIcon>
+
+#include <functional>
+#include <memory>
+
+class QDBusServiceWatcher;
+
+namespace tessel::app {
+
+class PopoverView;
+
+class TesselApp : public QObject {
+    Q_OBJECT
+
+public:
+    using WindowFactory = std::function<QWidget*()>;
+
+    // `instance` holds the bus name already; a second launch's request to
+    // show the popover arrives through it.
+    TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* parent = nullptr);
+    ~TesselApp() override;
+    // The tray icon (or the popover as a window without a tray), the launch
+    // jobs and the signal watch.
+    void start();
+
+    AppModel& model() { return *model_; }
+    TesselApplicationDelegate& delegate() { return delegate_; }
+    PopoverController& popoverController() { return controller_; }
+
+    void showPopover();
+    void togglePopover();
+    // Builds the window of `id` once, then shows and raises it.
+    void openWindow(const QString& id);
+    void addWindow(const QString& id, WindowFactory factory);
+
+private:
+    void useTray(bool available);
+    void placePopover();
+    void relaunch(const QString& image);
+
+    Endpoints endpoints_;
+    SingleInstance& instance_;
+    TesselApplicationDelegate delegate_;
+    std::unique_ptr<AppModel> model_;
+    std::unique_ptr<HelperInstaller> helperInstaller_;
+    std::unique_ptr<HelpersModel> helpers_;
+    PopoverController controller_;
+    QHash<QString, WindowFactory> factories_;
+    QHash<QString, QPointer<QWidget>> windows_;
+    std::unique_ptr<PopoverView> popover_;
+    std::unique_ptr<QSystemTrayIcon> tray_;
+    QDBusServiceWatcher* trayWatcher_ = nullptr;
+    bool trayMode_ = false;
+};
+
+// The tray form's entry: returns the process's exit status.
+int runTrayApp(int argc, char** argv);
+
+} // namespace tessel::app

@@ -1,0 +1,131 @@
+#include "ui/CallWindow.h"
+
+#include "ui/Widgets.h"
+
+#include <QApplication>
+#include <QClipboard>
+#include <QHBoxLayout>
+#include <QVBoxLayout>
+
+namespace tessel::app {
+
+const QString CallWindow::disclosure = QStringLiteral(
+    "Heads-up: I'm taking notes on this call with a recorder on my side; say so if you'd rather I "
+    "didn't.");
+
+CallWindow::CallWindow(AppModel& model, std::function<void(const QString&)> openWindow,
+                       QWidget* parent)
+    : QWidget(parent), model_(&model), openWindow_(std::move(openWindow)) {
+    setWindowTitle(QStringLiteral("Take notes on this call"));
+    setFixedWidth(460);
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(24, 24, 24, 24);
+    layout->setSpacing(16);
+    auto* heading = textLine(QStringLiteral("Take notes on this call"), this);
+    heading->setStyleSheet(QStringLiteral("font-weight: bold; font-size: 16pt;"));
+    layout->addWidget(heading);
+
+    title_ = new QLineEdit(this);
+    title_->setPlaceholderText(QStringLiteral("Call name"));
+    counterpart_ = new QLineEdit(this);
+    counterpart_->setPlaceholderText(QStringLiteral("Who is on the other side?"));
+    project_ = new QLineEdit(this);
+    project_->setPlaceholderText(QStringLiteral("Project slug (optional)"));
+    for (QLineEdit* field : {title_, counterpart_, project_}) {
+        layout->addWidget(field);
+        connect(field, &QLineEdit::textChanged, this, &CallWindow::refresh);
+    }
+    layout->addWidget(textLine(disclosure, this));
+    copy_ = button(QStringLiteral("Copy"), this, [this] {
+        QApplication::clipboard()->setText(disclosure);
+        copy_->setText(QStringLiteral("Copied"));
+    });
+    layout->addWidget(copy_, 0, Qt::AlignLeft);
+    ack_ = new QCheckBox(
+        QStringLiteral("I have shared this disclosure with the people on this call."), this);
+    connect(ack_, &QCheckBox::toggled, this, &CallWindow::refresh);
+    layout->addWidget(ack_);
+    layout->addWidget(
+        textLine(QStringLiteral("Records everything this computer plays and your microphone."),
+                 this, true));
+
+    auto* statusBox = new QWidget(this);
+    statusRows_ = new QVBoxLayout(statusBox);
+    statusRows_->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(statusBox);
+
+    auto* row = new QHBoxLayout;
+    cancel_ = button(QStringLiteral("Cancel"), this, [this] { close(); });
+    start_ = button(QStringLiteral("Start"), this, [this] {
+        QPointer<CallWindow> self(this);
+        QPointer<AppModel> model = model_;
+        const QString title = title_->text();
+        const QString counterpart = counterpart_->text();
+        const QString project = project_->text();
+        const bool ack = ack_->isChecked();
+        spawn([self, model, title, counterpart, project, ack]() -> Task<void> {
+            if (!model) {
+                co_return;
+            }
+            const bool started = co_await model->start(title, counterpart, project, ack);
+            if (started && self) {
+                self->close();
+            }
+        });
+    });
+    start_->setDefault(true);
+    row->addWidget(cancel_);
+    row->addStretch();
+    row->addWidget(start_);
+    layout->addLayout(row);
+
+    connect(&model, &AppModel::changed, this, &CallWindow::refresh, Qt::QueuedConnection);
+    refresh();
+}
+
+bool CallWindow::canStart() const {
+    return model_ && model_->canStartCapture() && ack_->isChecked() &&
+           !title_->text().trimmed().isEmpty() && !counterpart_->text().trimmed().isEmpty();
+}
+
+void CallWindow::refresh() {
+    if (!model_) {
+        return;
+    }
+    AppModel& model = *model_;
+    start_->setEnabled(canStart());
+    cancel_->setEnabled(!model.startingCapture());
+
+    delete status_;
+    status_ = new QWidget(this);
+    auto* rows = new QVBoxLayout(status_);
+    rows->setContentsMargins(0, 0, 0, 0);
+    if (model.startingCapture()) {
+        rows->addWidget(
+            textLine(QStringLiteral("Preparing audio permissions and starting the call…"), status_));
+    }
+    if (QWidget* error = modelError(model, [] {}, status_)) {
+        rows->addWidget(error);
+    }
+    if (!model.member() || model.member()->expiresAt <= QDateTime::currentDateTimeUtc()) {
+        rows->addWidget(button(QStringLiteral("Sign in…"), status_, [this] {
+            openWindow_(QStringLiteral("login"));
+        }));
+    }
+    if (model.capture() && !model.startingCapture()) {
+        rows->addWidget(captureStatus(model, *model.capture(), false, {[] {}, openWindow_},
+                                      status_));
+    }
+    statusRows_->addWidget(status_);
+}
+
+void CallWindow::hideEvent(QHideEvent* event) {
+    QWidget::hideEvent(event);
+    for (QLineEdit* field : {title_, counterpart_, project_}) {
+        field->clear();
+    }
+    ack_->setChecked(false);
+    copy_->setText(QStringLiteral("Copy"));
+}
+
+} // namespace tessel::app

@@ -1,0 +1,117 @@
+// The feed engine against the local server's feed: an AppImage is fetched
+// beside the running one, checked, and put in place only when no call runs.
+#include "app/FeedUpdateEngine.h"
+#include "app/UpdateController.h"
+#include "support/DevServer.h"
+#include "support/FakeClock.h"
+#include "support/Wait.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+using namespace tessel;
+using namespace tessel::test;
+
+namespace {
+
+QByteArray contents(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("absent");
+}
+
+struct Feed : ::testing::Test {
+    void offer(const nlohmann::json& update) {
+        const auto result =
+            server.client()->Post("/_control/update", update.dump(), "application/json");
+        ASSERT_TRUE(result && result->status == 200);
+    }
+    void writeOldImage() {
+        QFile old(image);
+        ASSERT_TRUE(old.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        old.write("old image");
+    }
+    std::unique_ptr<UpdateController> controller(std::optional<QString> appImage) {
+        auto engine = std::make_unique<FeedUpdateEngine>(FeedUpdateEngine::Dependencies{
+            .feedURL = QUrl(QString::fromStdString(server.origin() + "/update/feed.json")),
+            .currentVersion = "1.2.0",
+            .http = HTTPClient(),
+            .appImage = appImage,
+            .openURL = [this](const QUrl& url) { opened.push_back(url); },
+            .tell = [this](const QString& text) { told.push_back(text); },
+            .relaunch = [this](const QString& image) { relaunched.push_back(image); },
+        });
+        feed = engine.get();
+        return std::make_unique<UpdateController>(std::move(engine), false);
+    }
+
+    DevServer server;
+    QTemporaryDir dir;
+    QString image = dir.filePath("Velmora.AppImage");
+    FeedUpdateEngine* feed = nullptr;
+    std::vector<QUrl> opened;
+    std::vector<QString> told, relaunched;
+};
+
+} // namespace
+
+TEST_F(Feed, ACallThatStartsDuringTheDownloadHoldsTheRelaunch) {
+    writeOldImage();
+    offer({{"version", "1.10.0"}, {"image", "new image"}});
+    server.delay("update_image", 1, 2000);
+    auto updates = controller(image);
+
+    // The call starts while the image comes: after the feed was read and the
+    // update allowed to proceed, before the relaunch.
+    auto check = feed->check();
+    const auto fed = [&] {
+        const auto routes = server.routes();
+        return std::find(routes.begin(), routes.end(), "update_feed") != routes.end();
+    };
+    while (!fed()) {
+        wait(sleepFor(0.01));
+    }
+    wait(sleepFor(0.5));
+    updates->setCaptureIsHeld(true);
+    wait(std::move(check));
+    EXPECT_EQ(told.back(), "Velmora 1.10.0 is ready — it starts when your call ends.");
+    EXPECT_EQ(contents(image), "old image");
+    EXPECT_TRUE(relaunched.empty());
+
+    updates->setCaptureIsHeld(false);
+    FakeClock::settle();
+    EXPECT_EQ(contents(image), "new image");
+    EXPECT_EQ(relaunched, std::vector<QString>{image});
+}
+
+TEST_F(Feed, WhatACheckComesTo) {
+    struct Row {
+        const char* name;
+        nlohmann::json offer;
+        bool appImage;
+        QByteArray imageAfter;
+        size_t relaunches;
+        size_t pagesOpened;
+    };
+    const std::string wrongSum(64, 'a');
+    for (const Row& row : std::vector<Row>{
+             {"newer image", {{"version", "1.10.0"}, {"image", "new"}}, true, "new", 1, 0},
+             {"damaged", {{"version", "2.0"}, {"image", "bad"}, {"sha256", wrongSum}}, true,
+              "old image", 0, 0},
+             {"not newer", {{"version", "1.2"}, {"image", "same"}}, true, "old image", 0, 0},
+             {"not an AppImage", {{"version", "2.0"}, {"image", "new"}}, false, "old image", 0, 1},
+         }) {
+        SCOPED_TRACE(row.name);
+        writeOldImage();
+        relaunched.clear();
+        opened.clear();
+        offer(row.offer);
+        auto updates = controller(row.appImage ? std::optional(image) : std::nullopt);
+        wait(feed->check());
+        EXPECT_EQ(contents(image), row.imageAfter);
+        EXPECT_EQ(relaunched.size(), row.relaunches);
+        EXPECT_EQ(opened.size(), row.pagesOpened);
+        EXPECT_FALSE(QFile::exists(FeedUpdateEngine::stagedPath(image)));
+        EXPECT_TRUE(updates->canCheckForUpdates());
+    }
+}

@@ -1,0 +1,152 @@
+// The real tray application under Xvfb, on a private session bus with a
+// stand-in StatusNotifierWatcher: its item registers, Activate over D-Bus
+// opens the popover, Escape closes it through the first dismissal tier, and
+// a second launch raises the running one and ends with status 0.
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QThread>
+#include <gtest/gtest.h>
+
+namespace {
+
+// Reads a process's output until `pattern` shows up or the time runs out.
+bool waitFor(QProcess& process, QByteArray& seen, const QByteArray& pattern, int ms = 20000,
+             QProcess::ProcessChannel channel = QProcess::StandardOutput) {
+    QElapsedTimer timer;
+    timer.start();
+    process.setReadChannel(channel);
+    while (!seen.contains(pattern)) {
+        if (timer.elapsed() > ms || process.state() == QProcess::NotRunning) {
+            seen += process.readAll();
+            return seen.contains(pattern);
+        }
+        process.waitForReadyRead(100);
+        seen += process.readAll();
+    }
+    return true;
+}
+
+QString run(const QString& program, const QStringList& arguments,
+            const QProcessEnvironment& environment, int* status = nullptr) {
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(program, arguments);
+    process.waitForFinished(20000);
+    if (status) {
+        *status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    }
+    return QString::fromUtf8(process.readAllStandardOutput() + process.readAllStandardError());
+}
+
+bool eventually(const std::function<bool()>& condition, int ms = 10000) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.elapsed() > ms) {
+            return false;
+        }
+        QThread::msleep(50);
+    }
+    return true;
+}
+
+void stop(QProcess& process) {
+    if (process.state() != QProcess::NotRunning) {
+        process.terminate();
+        if (!process.waitForFinished(5000)) {
+            process.kill();
+            process.waitForFinished(2000);
+        }
+    }
+}
+
+class TraySmoke : public ::testing::Test {
+protected:
+    void SetUp() override {
+        // Xvfb writes the display it took to the descriptor it is given.
+        xvfb.setProgram("bash");
+        xvfb.setArguments({"-c", "exec Xvfb -displayfd 1 -screen 0 1024x768x24 -nolisten tcp"});
+        xvfb.start();
+        QByteArray out;
+        ASSERT_TRUE(waitFor(xvfb, out, "\n")) << "Xvfb did not start";
+        display = ":" + QString::fromLatin1(out.trimmed());
+
+        bus.start("dbus-daemon", {"--nofork", "--print-address=1",
+                                  "--config-file=" TESSEL_PRIVATE_BUS_CONFIG});
+        QByteArray address;
+        ASSERT_TRUE(waitFor(bus, address, "\n")) << "the private bus did not start";
+        env.insert("DBUS_SESSION_BUS_ADDRESS", QString::fromLatin1(address.trimmed()));
+        env.insert("DISPLAY", display);
+        env.insert("QT_QPA_PLATFORM", "xcb");
+        env.insert("HOME", home.path());
+        env.insert("XDG_CONFIG_HOME", home.filePath("config"));
+        env.insert("XDG_DATA_HOME", home.filePath("data"));
+        env.insert("XDG_RUNTIME_DIR", home.path());
+        env.remove("VELMORA_TESSEL_ENDPOINTS");
+
+        watcher.setProcessEnvironment(env);
+        watcher.start(TESSEL_SNI_WATCHER);
+        QByteArray ready;
+        ASSERT_TRUE(waitFor(watcher, ready, "watching\n")) << ready.constData();
+    }
+
+    void TearDown() override {
+        stop(app);
+        stop(watcher);
+        stop(bus);
+        stop(xvfb);
+    }
+
+    // "IsViewable" while the popover is on screen.
+    QString popoverState() {
+        const QString info = run("xwininfo", {"-display", display, "-name", "Velmora"}, env);
+        const auto at = info.indexOf("Map State: ");
+        return at < 0 ? QString() : info.mid(at + 11).section('\n', 0, 0);
+    }
+
+    QProcess xvfb, bus, watcher, app;
+    QString display;
+    QTemporaryDir home;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+};
+
+} // namespace
+
+TEST_F(TraySmoke, ItemRegistersActivateOpensThePopoverEscapeClosesIt) {
+    app.setProcessEnvironment(env);
+    app.start(TESSEL_APP_PATH, {});
+    QByteArray registered;
+    ASSERT_TRUE(waitFor(watcher, registered, "registered ")) << "no item registered";
+    ASSERT_TRUE(waitFor(watcher, registered, "\n"));
+    const QString item =
+        QString::fromLatin1(registered.mid(registered.indexOf("registered ") + 11)).trimmed();
+    EXPECT_NE(popoverState(), "IsViewable");
+
+    int status = 1;
+    const QString reply = run("gdbus",
+                              {"call", "--session", "--dest", item, "--object-path",
+                               "/StatusNotifierItem", "--method",
+                               "org.kde.StatusNotifierItem.Activate", "--", "100", "5"},
+                              env, &status);
+    ASSERT_EQ(status, 0) << reply.toStdString();
+    ASSERT_TRUE(eventually([&] { return popoverState() == "IsViewable"; }))
+        << popoverState().toStdString();
+
+    // A second launch raises this one and ends at once with 0.
+    run(TESSEL_APP_PATH, {}, env, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(popoverState(), "IsViewable");
+
+    run("xdotool", {"key", "Escape"}, env);
+    EXPECT_TRUE(eventually([&] { return popoverState() != "IsViewable"; }))
+        << popoverState().toStdString();
+    if (!QFile::exists("/run/systemd/journal/socket")) {
+        QByteArray log;
+        EXPECT_TRUE(waitFor(app, log, "tessel popover: dismissed via tier 1", 5000,
+                            QProcess::StandardError))
+            << log.constData();
+    }
+}
