@@ -68,7 +68,9 @@ Task<void> FeedUpdateEngine::check() {
     const auto tell = deps_.tell;
     try {
         gate()->mayPerformUpdateCheck();
-        const QByteArray body = co_await deps_.http.checked(HTTPRequest{.url = *deps_.feedURL});
+        HTTPRequest request;
+        request.url = *deps_.feedURL;
+        const QByteArray body = co_await deps_.http.checked(request);
         if (!self) {
             co_return;
         }
@@ -107,8 +109,8 @@ Task<void> FeedUpdateEngine::check() {
 Task<void> FeedUpdateEngine::install(UpdateFeedEntry entry) {
     QPointer<FeedUpdateEngine> self(this);
     const QString image = *deps_.appImage;
-    HTTPRequest request{.url = entry.url};
-    request.timeout = 60;
+    HTTPRequest request;
+    request.url = entry.url;
     const QByteArray bytes = co_await deps_.http.checked(request);
     if (!self) {
         co_return;
