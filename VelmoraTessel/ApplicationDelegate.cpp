@@ -112,9 +112,9 @@ void TesselApplicationDelegate::terminateForSignal(int signal) {
         terminate();
         return;
     }
-    log::write(log::Level::info, "app",
-               QStringLiteral("Signal %1 during a call: stopping the capture before exit.")
-                   .arg(signal));
+    log::write(
+        log::Level::info, "app",
+        QStringLiteral("Signal %1 during a call: stopping the capture before exit.").arg(signal));
     // A user logging out should not leave a live call behind, but the session
     // won't wait for ever.
     QTimer::singleShot(static_cast<int>(signalStopBound * 1000), this, [this] { terminate(); });

@@ -159,8 +159,8 @@ bool PopoverController::eventFilter(QObject* watched, QEvent* event) {
         }
         return false;
     }
-    const auto action = PopoverPolicy::classifyLocalMouseDown(target == window_,
-                                                              isNormalLevel(target));
+    const auto action =
+        PopoverPolicy::classifyLocalMouseDown(target == window_, isNormalLevel(target));
     if (action && PopoverPolicy::shouldDismiss(*action)) {
         dismiss();
     }

@@ -164,9 +164,9 @@ void TesselApp::start() {
 
     // The tray can come and go with the desktop's StatusNotifierWatcher; the
     // program never ends for want of one.
-    trayWatcher_ = new QDBusServiceWatcher(QStringLiteral("org.kde.StatusNotifierWatcher"),
-                                           instance_.bus(),
-                                           QDBusServiceWatcher::WatchForOwnerChange, this);
+    trayWatcher_ =
+        new QDBusServiceWatcher(QStringLiteral("org.kde.StatusNotifierWatcher"), instance_.bus(),
+                                QDBusServiceWatcher::WatchForOwnerChange, this);
     connect(trayWatcher_, &QDBusServiceWatcher::serviceOwnerChanged, this,
             [this](const QString&, const QString&, const QString& owner) {
                 useTray(!owner.isEmpty() && QSystemTrayIcon::isSystemTrayAvailable());

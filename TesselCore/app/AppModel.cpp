@@ -47,11 +47,10 @@ AppModel::AppModel(Services services, bool startingServices, QObject* parent)
       orgStore_(
           services_.defaults,
           Org::fromHost(services_.endpoints.defaultOrgHost).meetURL().toString(),
-          [keychain = keychain_] { return keychain.hosts(); },
-          services_.endpoints.defaultOrgHost),
+          [keychain = keychain_] { return keychain.hosts(); }, services_.endpoints.defaultOrgHost),
       infra_(services_.infra ? services_.infra : std::make_shared<NoInfra>()),
-      updates_(std::make_unique<UpdateController>(std::move(services_.updateEngine),
-                                                  startingServices)) {
+      updates_(
+          std::make_unique<UpdateController>(std::move(services_.updateEngine), startingServices)) {
     baseURL_ = orgStore_.current().meetURL().toString();
     loginURL_ = baseURL_;
     configureTokenProvider();

@@ -93,8 +93,8 @@ Task<void> FeedUpdateEngine::check() {
         // Refusals during a call come as words of their own; the rest through
         // the one mapping of failures.
         const auto* refusal = dynamic_cast<const TesselError*>(&error);
-        const ErrorPresentation lines = refusal ? ErrorPresentation(refusal->message(), {})
-                                                : ErrorPresentation::from(error);
+        const ErrorPresentation lines =
+            refusal ? ErrorPresentation(refusal->message(), {}) : ErrorPresentation::from(error);
         if (!refusal) {
             lines.log();
         }
@@ -122,8 +122,8 @@ Task<void> FeedUpdateEngine::install(UpdateFeedEntry entry) {
     // same file system.
     const QString staged = stagedPath(image);
     QFile file(staged);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size() ||
-        !file.flush()) {
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
+        file.write(bytes) != bytes.size() || !file.flush()) {
         QFile::remove(staged);
         throw TesselError(u"The update could not be saved beside %1 — check that the folder is "
                           u"writable."_s.arg(image));

@@ -45,9 +45,8 @@ CallWindow::CallWindow(AppModel& model, std::function<void(const QString&)> open
         QStringLiteral("I have shared this disclosure with the people on this call."), this);
     connect(ack_, &QCheckBox::toggled, this, &CallWindow::refresh);
     layout->addWidget(ack_);
-    layout->addWidget(
-        textLine(QStringLiteral("Records everything this computer plays and your microphone."),
-                 this, true));
+    layout->addWidget(textLine(
+        QStringLiteral("Records everything this computer plays and your microphone."), this, true));
 
     auto* statusBox = new QWidget(this);
     statusRows_ = new QVBoxLayout(statusBox);
@@ -101,20 +100,20 @@ void CallWindow::refresh() {
     auto* rows = new QVBoxLayout(status_);
     rows->setContentsMargins(0, 0, 0, 0);
     if (model.startingCapture()) {
-        rows->addWidget(
-            textLine(QStringLiteral("Preparing audio permissions and starting the call…"), status_));
+        rows->addWidget(textLine(
+            QStringLiteral("Preparing audio permissions and starting the call…"), status_));
     }
-    if (QWidget* error = modelError(model, [] {}, status_)) {
+    if (QWidget* error = modelError(
+            model, [] {}, status_)) {
         rows->addWidget(error);
     }
     if (!model.member() || model.member()->expiresAt <= QDateTime::currentDateTimeUtc()) {
-        rows->addWidget(button(QStringLiteral("Sign in…"), status_, [this] {
-            openWindow_(QStringLiteral("login"));
-        }));
+        rows->addWidget(button(QStringLiteral("Sign in…"), status_,
+                               [this] { openWindow_(QStringLiteral("login")); }));
     }
     if (model.capture() && !model.startingCapture()) {
-        rows->addWidget(captureStatus(model, *model.capture(), false, {[] {}, openWindow_},
-                                      status_));
+        rows->addWidget(
+            captureStatus(model, *model.capture(), false, {[] {}, openWindow_}, status_));
     }
     statusRows_->addWidget(status_);
 }

@@ -105,7 +105,8 @@ void LoginWindow::refresh() {
         rows->addLayout(buttons);
         rows->addWidget(textLine(QStringLiteral("Waiting for your approval…"), status_, true));
     }
-    if (QWidget* error = modelError(model, [] {}, status_)) {
+    if (QWidget* error = modelError(
+            model, [] {}, status_)) {
         rows->addWidget(error);
     }
     statusRows_->addWidget(status_);

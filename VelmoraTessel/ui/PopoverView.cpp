@@ -98,8 +98,8 @@ void PopoverView::rebuild() {
     rows_->addLayout(commands);
 
     if (CaptureSession* capture = model.capture()) {
-        rows_->addWidget(captureStatus(model, *capture, true, {dismiss, actions_.openWindow},
-                                       content_));
+        rows_->addWidget(
+            captureStatus(model, *capture, true, {dismiss, actions_.openWindow}, content_));
     } else {
         addIdleBlock();
     }
@@ -135,14 +135,16 @@ void PopoverView::addHeader() {
         row->setEnabled(model.canChangeOrg());
     }
     menu->addSeparator();
-    menu->addAction(QStringLiteral("Add organisation…"), this, [this, owner] {
-        perform(PopoverAction::opensWindow, [this, owner] {
-            if (owner) {
-                owner->setLoginURL(QString());
-                actions_.openWindow(QStringLiteral("login"));
-            }
-        });
-    })->setEnabled(model.canChangeOrg());
+    menu->addAction(QStringLiteral("Add organisation…"), this,
+                    [this, owner] {
+                        perform(PopoverAction::opensWindow, [this, owner] {
+                            if (owner) {
+                                owner->setLoginURL(QString());
+                                actions_.openWindow(QStringLiteral("login"));
+                            }
+                        });
+                    })
+        ->setEnabled(model.canChangeOrg());
     menu->addAction(QStringLiteral("Sign out of ") + model.orgStore().current().name, this,
                     [owner] {
                         if (owner) {
@@ -165,11 +167,10 @@ void PopoverView::addHeader() {
                                       model.endpoints().authServiceURL.host() +
                                       QStringLiteral("/device: ") + grant->userCode,
                                   content_));
-        rows_->addWidget(button(QStringLiteral("Open sign-in page"), content_,
-                                [this, url = grant->verificationURL] {
-                                    perform(PopoverAction::opensWindow,
-                                            [this, url] { actions_.openURL(url); });
-                                }));
+        rows_->addWidget(button(
+            QStringLiteral("Open sign-in page"), content_, [this, url = grant->verificationURL] {
+                perform(PopoverAction::opensWindow, [this, url] { actions_.openURL(url); });
+            }));
     } else {
         rows_->addWidget(button(QStringLiteral("Sign in…"), content_, [this, owner] {
             perform(PopoverAction::opensWindow, [this, owner] {
@@ -201,24 +202,25 @@ void PopoverView::addIdleBlock() {
                                   content_));
         auto* row = new QHBoxLayout;
         const bool stopping = model.stoppingOpenCall() == call.id;
-        auto* stop = button(stopping ? QStringLiteral("Stopping…")
-                                     : QStringLiteral("Stop & write notes"),
-                            content_, [owner, id = call.id] {
-                                spawn([owner, id]() -> Task<void> {
-                                    if (owner) {
-                                        co_await owner->stopOpenCall(id, false);
-                                    }
-                                });
-                            });
+        auto* stop =
+            button(stopping ? QStringLiteral("Stopping…") : QStringLiteral("Stop & write notes"),
+                   content_, [owner, id = call.id] {
+                       spawn([owner, id]() -> Task<void> {
+                           if (owner) {
+                               co_await owner->stopOpenCall(id, false);
+                           }
+                       });
+                   });
         stop->setEnabled(!model.stoppingOpenCall());
         row->addWidget(stop);
-        row->addWidget(button(QStringLiteral("Open in browser"), content_, [this, owner, id = call.id] {
-            perform(PopoverAction::opensWindow, [owner, id] {
-                if (owner) {
-                    owner->openCall(id);
-                }
-            });
-        }));
+        row->addWidget(
+            button(QStringLiteral("Open in browser"), content_, [this, owner, id = call.id] {
+                perform(PopoverAction::opensWindow, [owner, id] {
+                    if (owner) {
+                        owner->openCall(id);
+                    }
+                });
+            }));
         row->addStretch();
         rows_->addLayout(row);
     }

@@ -4,8 +4,8 @@
 // model when it changes, and only while it is shown.
 #pragma once
 
-#include "app/AppModel.h"
 #include "PopoverController.h"
+#include "app/AppModel.h"
 
 #include <QPointer>
 #include <QWidget>
@@ -22,7 +22,7 @@ class PopoverView : public QWidget {
 public:
     struct Actions {
         std::function<void(const QString& id)> openWindow; // also brings the program forward
-        std::function<void()> quit;                         // the one road out
+        std::function<void()> quit;                        // the one road out
         OpenURL openURL;
     };
 

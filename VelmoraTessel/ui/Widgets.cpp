@@ -44,9 +44,8 @@ QWidget* errorNotice(const QString& human, const std::optional<QString>& details
         auto* detailLabel = textLine(*details, box, true);
         detailLabel->setFont(QFont(QStringLiteral("monospace")));
         detailLabel->hide();
-        auto* copy = button(QStringLiteral("Copy details"), box, [text = *details] {
-            QApplication::clipboard()->setText(text);
-        });
+        auto* copy = button(QStringLiteral("Copy details"), box,
+                            [text = *details] { QApplication::clipboard()->setText(text); });
         copy->hide();
         auto* toggle = button(QStringLiteral("Details"), box, [detailLabel, copy] {
             detailLabel->setVisible(!detailLabel->isVisible());
@@ -115,7 +114,9 @@ QWidget* captureStatus(AppModel& model, CaptureSession& session, bool inPopover,
     auto* headline = textLine(word + QStringLiteral(" · ") + elapsedText(session.elapsed()), box);
     headline->setStyleSheet(QStringLiteral("font-weight: bold;"));
     layout->addWidget(headline);
-    const auto mark = [](bool healthy) { return healthy ? QStringLiteral("✓") : QStringLiteral("—"); };
+    const auto mark = [](bool healthy) {
+        return healthy ? QStringLiteral("✓") : QStringLiteral("—");
+    };
     layout->addWidget(textLine(QStringLiteral("mic ") + mark(session.micHealthy()) +
                                    QStringLiteral(" · system audio ") +
                                    mark(session.systemHealthy()),
@@ -134,16 +135,16 @@ QWidget* captureStatus(AppModel& model, CaptureSession& session, bool inPopover,
     }
     if (session.canStop()) {
         const bool uploading = state == CaptureState::uploading;
-        auto* stop = button(uploading ? QStringLiteral("Uploading…")
-                                      : QStringLiteral("Stop & write notes"),
-                            box, [owner, inPopover] {
-                                // Not a dismissal: the popover stays to show the stop.
-                                spawn([owner, inPopover]() -> Task<void> {
-                                    if (owner) {
-                                        co_await owner->stop(!inPopover);
-                                    }
-                                });
-                            });
+        auto* stop =
+            button(uploading ? QStringLiteral("Uploading…") : QStringLiteral("Stop & write notes"),
+                   box, [owner, inPopover] {
+                       // Not a dismissal: the popover stays to show the stop.
+                       spawn([owner, inPopover]() -> Task<void> {
+                           if (owner) {
+                               co_await owner->stop(!inPopover);
+                           }
+                       });
+                   });
         stop->setEnabled(!uploading);
         layout->addWidget(stop);
     } else if (state == CaptureState::failed || state == CaptureState::superseded) {

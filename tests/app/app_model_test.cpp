@@ -67,11 +67,11 @@ protected:
     AppModelTest() {
         QFile file(dir.filePath("endpoints.json"));
         EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray::fromStdString(nlohmann::json{{"default_org_host", alpha.toStdString()},
-                                                            {"org_origin", server.origin()},
-                                                            {"auth_service_url", server.origin()},
-                                                            {"ca_file", server.certPath()}}
-                                                 .dump()));
+        file.write(QByteArray::fromStdString(nlohmann::json{
+            {"default_org_host", alpha.toStdString()},
+            {"org_origin", server.origin()},
+            {"auth_service_url", server.origin()},
+            {"ca_file", server.certPath()}}.dump()));
         file.close();
         endpoints = Endpoints::load(file.fileName());
     }
@@ -102,8 +102,9 @@ protected:
     }
 
     void saveMember(const QString& host, const QString& token, qint64 seconds = 3600) {
-        SessionKeychain(store, [this] { return wall; })
-            .save({token, std::nullopt, wall.addSecs(seconds)}, host);
+        SessionKeychain(store, [this] {
+            return wall;
+        }).save({token, std::nullopt, wall.addSecs(seconds)}, host);
     }
 
     bool settled() {
@@ -246,7 +247,8 @@ TEST_F(AppModelTest, ConflictOnStoppingAnOpenCallListsAgain) {
     const QString meeting = leftOpenCall();
     model = makeModel();
     ASSERT_TRUE(eventually([&] { return settled() && model->openCalls().size() == 1; }));
-    server.fail("manifest", 1, 409, R"({"error":{"code":"conflict","message":"Already stopped."}})");
+    server.fail("manifest", 1, 409,
+                R"({"error":{"code":"conflict","message":"Already stopped."}})");
     server.resetLog();
 
     wait(model->stopOpenCall(meeting, false));

@@ -45,7 +45,8 @@ TEST_F(Update, ACallRefusesChecksAndHoldsTheRelaunchUntilItIsCleared) {
     EXPECT_FALSE(controller->canCheckForUpdates());
     controller->checkForUpdates();
     EXPECT_EQ(engine->checks, 0);
-    for (auto question : {&UpdateGate::mayPerformUpdateCheck, &UpdateGate::shouldProceedWithUpdate}) {
+    for (auto question :
+         {&UpdateGate::mayPerformUpdateCheck, &UpdateGate::shouldProceedWithUpdate}) {
         try {
             (engine->gate()->*question)();
             ADD_FAILURE() << "a question during a call was allowed";

@@ -96,8 +96,12 @@ TEST_F(Feed, WhatACheckComesTo) {
     const std::string wrongSum(64, 'a');
     for (const Row& row : std::vector<Row>{
              {"newer image", {{"version", "1.10.0"}, {"image", "new"}}, true, "new", 1, 0},
-             {"damaged", {{"version", "2.0"}, {"image", "bad"}, {"sha256", wrongSum}}, true,
-              "old image", 0, 0},
+             {"damaged",
+              {{"version", "2.0"}, {"image", "bad"}, {"sha256", wrongSum}},
+              true,
+              "old image",
+              0,
+              0},
              {"not newer", {{"version", "1.2"}, {"image", "same"}}, true, "old image", 0, 0},
              {"not an AppImage", {{"version", "2.0"}, {"image", "new"}}, false, "old image", 0, 1},
          }) {

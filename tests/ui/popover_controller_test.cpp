@@ -22,9 +22,8 @@ struct Controller : ::testing::Test {
         QApplication::processEvents();
     }
     std::vector<QString> lines;
-    tessel::log::ScopedSink sink{[this](tessel::log::Level, const char*, const QString& text) {
-        lines.push_back(text);
-    }};
+    tessel::log::ScopedSink sink{
+        [this](tessel::log::Level, const char*, const QString& text) { lines.push_back(text); }};
     QWidget popover, other, floating;
     PopoverController controller;
 };
@@ -42,8 +41,8 @@ TEST_F(Controller, WhatEndsThePopoverAndWhatDoesNot) {
     show(floating);
     QTest::mouseClick(&floating, Qt::LeftButton);
     QTest::keyClick(&popover, Qt::Key_A);
-    QWheelEvent wheel({5, 5}, {5, 5}, {}, {0, 120}, Qt::NoButton, Qt::NoModifier,
-                      Qt::NoScrollPhase, false);
+    QWheelEvent wheel({5, 5}, {5, 5}, {}, {0, 120}, Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase,
+                      false);
     QApplication::sendEvent(&popover, &wheel);
     show(other);
     QTest::keyClick(&other, Qt::Key_Escape);

@@ -74,8 +74,8 @@ protected:
         ASSERT_TRUE(waitFor(xvfb, out, "\n")) << "Xvfb did not start";
         display = ":" + QString::fromLatin1(out.trimmed());
 
-        bus.start("dbus-daemon", {"--nofork", "--print-address=1",
-                                  "--config-file=" TESSEL_PRIVATE_BUS_CONFIG});
+        bus.start("dbus-daemon",
+                  {"--nofork", "--print-address=1", "--config-file=" TESSEL_PRIVATE_BUS_CONFIG});
         QByteArray address;
         ASSERT_TRUE(waitFor(bus, address, "\n")) << "the private bus did not start";
         env.insert("DBUS_SESSION_BUS_ADDRESS", QString::fromLatin1(address.trimmed()));
@@ -126,11 +126,11 @@ TEST_F(TraySmoke, ItemRegistersActivateOpensThePopoverEscapeClosesIt) {
     EXPECT_NE(popoverState(), "IsViewable");
 
     int status = 1;
-    const QString reply = run("gdbus",
-                              {"call", "--session", "--dest", item, "--object-path",
-                               "/StatusNotifierItem", "--method",
-                               "org.kde.StatusNotifierItem.Activate", "--", "100", "5"},
-                              env, &status);
+    const QString reply =
+        run("gdbus",
+            {"call", "--session", "--dest", item, "--object-path", "/StatusNotifierItem",
+             "--method", "org.kde.StatusNotifierItem.Activate", "--", "100", "5"},
+            env, &status);
     ASSERT_EQ(status, 0) << reply.toStdString();
     ASSERT_TRUE(eventually([&] { return popoverState() == "IsViewable"; }))
         << popoverState().toStdString();
