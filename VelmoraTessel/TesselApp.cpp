@@ -6,6 +6,9 @@
 #include "errors/ErrorLog.h"
 #include "identity/SecretServiceStore.h"
 #include "identity/UserDefaults.h"
+#include "infra/InfraStatus.h"
+#include "notify/NotifyAPI.h"
+#include "notify/NotifyFeedStore.h"
 #include "ui/CallWindow.h"
 #include "ui/LoginWindow.h"
 #include "ui/PopoverView.h"
@@ -21,6 +24,7 @@
 #include <QProcess>
 #include <QScreen>
 #include <QSessionManager>
+#include <QSettings>
 
 namespace tessel::app {
 
@@ -55,6 +59,32 @@ void tell(const QString& text) {
     box->open();
 }
 
+// The infrastructure model as the application model drives it.
+class InfraModelRefresher : public InfraRefresher {
+public:
+    explicit InfraModelRefresher(std::shared_ptr<InfraModel> model) : model_(std::move(model)) {}
+    Task<void> refresh(bool force) override {
+        const auto model = model_;
+        co_await model->refresh(force);
+    }
+
+private:
+    std::shared_ptr<InfraModel> model_;
+};
+
+// One banner, delivered only while the member is still the one whose token
+// fetched the row.
+Task<void> postNotification(QPointer<AppModel> model, QPointer<DesktopNotifications> desktop,
+                            NotifyDesktopNotification notification) {
+    if (!model || !model->member() || !desktop) {
+        throw Cancelled();
+    }
+    const QString token = model->member()->token;
+    co_await desktop->post(std::move(notification), [model, token] {
+        return model && model->member() && model->member()->token == token;
+    });
+}
+
 } // namespace
 
 TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* parent)
@@ -78,6 +108,7 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
         .relaunch = [this](const QString& image) { relaunch(image); },
     });
 
+    infra_ = std::make_shared<InfraModel>(InfraCLI::tool(), monotonicNow, sleepFor);
     // The one place that starts services.
     model_ = std::make_unique<AppModel>(
         AppModel::Services{
@@ -90,8 +121,7 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
             .clock = {},
             .openURL = openInDesktop,
             .updateEngine = std::move(engine),
-            // Later models: the infrastructure model goes here (InfraRefresher).
-            .infra = nullptr,
+            .infra = std::make_shared<InfraModelRefresher>(infra_),
         },
         true);
 
@@ -116,17 +146,11 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
         });
     });
 
-    // Later models:
-    // - The notification feed: build NotifyFeedModel here with an API maker
-    //   (NotifyAPI over HTTPClient(model().http().session()) and
-    //   model().tokenProvider()), a session function (model().org() + ":" +
-    //   the member's token, none without a member) and a notifier that checks
-    //   the member's token is still the one the row was fetched under; every
-    //   function holds the model weakly (QPointer<AppModel>). Its poll loop is
-    //   a launch job: delegate_.launchJobs.push_back(...) with
-    //   NotifyFeedModel::runPollLoop.
-    // - Subscriptions and conductor set-up: addWindow("subscriptions", ...)
-    //   and addWindow("conductor-setup", ...) with their windows.
+    buildNotifications(session);
+
+    // Later models: subscriptions and the conductor set-up come in as
+    // addWindow("subscriptions", ...) and addWindow("conductor-setup", ...)
+    // with their windows; the subscriptions model is built on first use.
 
     popover_ = std::make_unique<PopoverView>(
         *model_, controller_,
@@ -150,7 +174,69 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
     addWindow(QStringLiteral("login"), [this] { return new LoginWindow(*model_, openInDesktop); });
 }
 
+// The notification feed: its API maker, session and notifier read the
+// application model at each call and hold it weakly; the poll loop starts
+// once launching ends.
+void TesselApp::buildNotifications(const std::shared_ptr<HTTPSession>& session) {
+    settings_ =
+        std::make_unique<QSettings>(QStringLiteral("Velmora"), QStringLiteral("VelmoraTessel"));
+    notifyStore_ = std::make_shared<NotifyDefaultsStore>(*settings_);
+    desktopNotifications_ =
+        std::make_unique<DesktopNotifications>(instance_.bus(), [settings = settings_.get()] {
+            return NotifyDefaultsStore::desktopNotifications(*settings);
+        });
+    QPointer<AppModel> model = model_.get();
+    QPointer<DesktopNotifications> desktop = desktopNotifications_.get();
+    const HTTPClient http(session);
+    const QString serviceURL = endpoints_.notifyServiceURL.toString();
+    QSettings* settings = settings_.get();
+    notifications_ = std::make_unique<NotifyFeedModel>(
+        [model, http, settings, serviceURL]() -> std::shared_ptr<const NotifyFeedAPI> {
+            if (!model) {
+                throw Cancelled();
+            }
+            return std::make_shared<NotifyAPI>(std::nullopt, model->tokenProvider(), http,
+                                               *settings, serviceURL);
+        },
+        [model]() -> std::optional<QString> {
+            if (!model || !model->member()) {
+                return std::nullopt;
+            }
+            return model->org() + QStringLiteral(":") + model->member()->token;
+        },
+        [model, desktop](NotifyDesktopNotification notification) {
+            return postNotification(model, desktop, std::move(notification));
+        },
+        notifyStore_);
+
+    QPointer<NotifyFeedModel> feed = notifications_.get();
+    connect(desktopNotifications_.get(), &DesktopNotifications::activated, this,
+            [model, feed](const QVariantMap& userInfo) {
+                spawn([model, feed, userInfo]() -> Task<void> {
+                    co_await DesktopNotifications::handleNotificationClick(
+                        userInfo,
+                        [model]() -> std::optional<QUrl> {
+                            return model ? std::optional(QUrl(model->inboxURL())) : std::nullopt;
+                        },
+                        openInDesktop,
+                        [feed](std::vector<QString> ids) -> Task<void> {
+                            if (feed) {
+                                co_await feed->markRead(std::move(ids));
+                            }
+                        });
+                });
+            });
+    delegate_.launchJobs.push_back([this, feed] {
+        notificationTask_ = BackgroundTask::start([feed](CancellationToken token) {
+            return NotifyFeedModel::runPollLoop(feed, sleepFor, std::move(token));
+        });
+    });
+}
+
 TesselApp::~TesselApp() {
+    if (notificationTask_) {
+        notificationTask_->cancel();
+    }
     controller_.registerWindow(nullptr);
     for (const auto& window : std::as_const(windows_)) {
         delete window.data();

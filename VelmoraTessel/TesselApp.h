@@ -5,7 +5,8 @@
 // Where later models plug in (see TesselApp.cpp, "Later models"): a window
 // factory by id (addWindow), a job that starts once launching ends
 // (delegate().launchJobs), and the model's functions a feed or a dashboard
-// needs (model().tokenProvider(), org(), member(), http()).
+// needs (model().tokenProvider(), org(), member(), http()). The notification
+// feed is wired that way in buildNotifications().
 #pragma once
 
 #include "ApplicationDelegate.h"
@@ -13,6 +14,9 @@
 #include "SingleInstance.h"
 #include "app/AppModel.h"
 #include "identity/Endpoints.h"
+#include "infra/InfraModel.h"
+#include "notify/DesktopNotifications.h"
+#include "notify/NotifyFeedModel.h"
 #include "tools/HelperInstaller.h"
 #include "tools/HelpersModel.h"
 
@@ -45,6 +49,8 @@ public:
     void start();
 
     AppModel& model() { return *model_; }
+    InfraModel& infra() { return *infra_; }
+    NotifyFeedModel& notifications() { return *notifications_; }
     TesselApplicationDelegate& delegate() { return delegate_; }
     PopoverController& popoverController() { return controller_; }
 
@@ -58,11 +64,18 @@ private:
     void useTray(bool available);
     void placePopover();
     void relaunch(const QString& image);
+    void buildNotifications(const std::shared_ptr<HTTPSession>& session);
 
     Endpoints endpoints_;
     SingleInstance& instance_;
     TesselApplicationDelegate delegate_;
+    std::shared_ptr<InfraModel> infra_;
     std::unique_ptr<AppModel> model_;
+    std::unique_ptr<QSettings> settings_;
+    std::shared_ptr<NotifyDefaultsStore> notifyStore_;
+    std::unique_ptr<DesktopNotifications> desktopNotifications_;
+    std::unique_ptr<NotifyFeedModel> notifications_;
+    std::shared_ptr<BackgroundTask> notificationTask_;
     std::unique_ptr<HelperInstaller> helperInstaller_;
     std::unique_ptr<HelpersModel> helpers_;
     PopoverController controller_;

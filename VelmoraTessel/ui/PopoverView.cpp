@@ -34,11 +34,16 @@ void PopoverView::perform(PopoverAction kind, const std::function<void()>& actio
 void PopoverView::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
     rebuild();
-    // Opening the popover looks for open calls again.
+    // Opening the popover looks for open calls and the infrastructure again.
     QPointer<AppModel> model = model_;
     spawn([model]() -> Task<void> {
         if (model) {
             co_await model->refreshOpenCalls();
+        }
+    });
+    spawn([model]() -> Task<void> {
+        if (model) {
+            co_await model->infra().refresh(false);
         }
     });
 }
