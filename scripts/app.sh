@@ -35,7 +35,7 @@ cat >"$work/endpoints.json" <<JSON
 {"default_org_host": "acme.velmora.test",
  "org_origin": "$origin",
  "auth_service_url": "$origin",
- "notify_service_url": "$origin",
+ "notify_service_url": "$origin/notify",
  "update_feed_url": "$origin/update/feed.json",
  "ca_file": "$cert"}
 JSON
@@ -53,7 +53,8 @@ fi
 # A keyring, when none answers on the bus.
 if ! dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
      org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets 2>/dev/null | grep -q true; then
-  printf 'velmora-app' | gnome-keyring-daemon --foreground --unlock --components=secrets \
+  printf 'velmora-app' | HOME="$work/home" XDG_DATA_HOME="$work/home/data" \
+    gnome-keyring-daemon --foreground --unlock --components=secrets \
     >"$work/keyring.log" 2>&1 &
   pids+=($!)
   for _ in $(seq 50); do

@@ -20,7 +20,9 @@ QLabel* textLine(const QString& text, QWidget* parent, bool secondary) {
 }
 
 QPushButton* button(const QString& text, QWidget* parent, std::function<void()> action) {
-    auto* b = new QPushButton(text, parent);
+    // An ampersand is the platform's mnemonic marker; the text means it literally.
+    auto* b =
+        new QPushButton(QString(text).replace(QLatin1Char('&'), QStringLiteral("&&")), parent);
     QObject::connect(b, &QPushButton::clicked, parent, [action = std::move(action)] { action(); });
     return b;
 }
