@@ -208,11 +208,18 @@ TEST_F(AppModelTest, ChangingOrganisationDuringAListDropsTheOldAnswer) {
                   R"("is_host":true}]})");
     model = makeModel();
     ASSERT_TRUE(model->loadingOpenCalls());
+    bool ghostShown = false;
+    QObject::connect(model.get(), &AppModel::changed, [&] {
+        for (const OpenCall& call : model->openCalls()) {
+            ghostShown = ghostShown || call.id == "ghost";
+        }
+    });
     model->selectOrg(beta);
     EXPECT_EQ(model->org(), beta);
     EXPECT_EQ(model->member()->token, "vses_beta_member");
 
     ASSERT_TRUE(eventually([&] { return count("list") == 2 && settled(); }));
+    EXPECT_FALSE(ghostShown);
     EXPECT_TRUE(model->openCalls().empty());
     const auto log = server.requestLog();
     std::vector<nlohmann::json> lists;
