@@ -154,7 +154,7 @@ Task<void> CaptureCLI::run(QStringList arguments, CaptureSession::MakeAudio make
     }
     throw TesselError(
         u"Only local: %1, remote: %2 segments were captured — enable both audio "
-        u"permissions and play the call on this Mac, then rerun the proof."_s.arg(local)
+        u"permissions and play the call on this computer, then rerun the proof."_s.arg(local)
             .arg(remote));
 }
 

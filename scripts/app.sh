@@ -53,8 +53,10 @@ fi
 # A keyring, when none answers on the bus.
 if ! dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
      org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets 2>/dev/null | grep -q true; then
+  # The daemon needs its home and a private runtime directory for its sockets.
+  mkdir -p "$work/home/data" "$work/home/run" && chmod 700 "$work/home/run"
   printf 'velmora-app' | HOME="$work/home" XDG_DATA_HOME="$work/home/data" \
-    gnome-keyring-daemon --foreground --unlock --components=secrets \
+    XDG_RUNTIME_DIR="$work/home/run" gnome-keyring-daemon --foreground --unlock --components=secrets \
     >"$work/keyring.log" 2>&1 &
   pids+=($!)
   for _ in $(seq 50); do
@@ -62,6 +64,9 @@ if ! dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesk
       org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets 2>/dev/null | grep -q true && break
     sleep 0.1
   done
+  dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+    org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets 2>/dev/null | grep -q true ||
+    { cat "$work/keyring.log"; echo "keyring: gnome-keyring-daemon did not come on the bus" >&2; exit 1; }
   echo "keyring: private (gnome-keyring, unlocked)"
 fi
 

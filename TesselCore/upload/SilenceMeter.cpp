@@ -7,7 +7,7 @@ using namespace Qt::StringLiterals;
 namespace tessel {
 
 const QString SilenceMeter::warningMessage =
-    u"Not hearing the call — is the call's audio playing on this Mac?"_s;
+    u"Not hearing the call — is the call's audio playing on this computer?"_s;
 
 void SilenceMeter::observe(std::span<const float> samples) {
     if (samples.empty()) {
