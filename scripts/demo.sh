@@ -6,51 +6,12 @@
 # seconds; prints the result line and checks every stored segment with ffprobe.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-root=$PWD
-
-bash scripts/setup.sh
-cmake --preset release >/dev/null
-cmake --build --preset release -j "$(nproc)" --target VelmoraTessel velmora-devserver
-
 work=$(mktemp -d /tmp/velmora-demo.XXXXXX)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-}
-trap cleanup EXIT
-
-# The local server: one line on stdout when it is ready.
-"$root/build/bin/velmora-devserver" --data-dir "$work/server" >"$work/devserver.out" 2>"$work/devserver.err" &
-pids+=($!)
-for _ in $(seq 100); do
-  grep -q '^velmora-devserver ready' "$work/devserver.out" 2>/dev/null && break
-  sleep 0.1
-done
-ready=$(grep '^velmora-devserver ready' "$work/devserver.out") || { cat "$work/devserver.err"; exit 1; }
-origin=$(echo "$ready" | awk '{print $3}')
+source scripts/private-desktop.sh
+build_program
+start_devserver
 echo "local server: $origin (data in $work/server)"
-
-# A sound server: the user's own, or a private one.
-if ! pactl info >/dev/null 2>&1; then
-  export XDG_RUNTIME_DIR="$work/xdg" PULSE_SERVER="unix:$work/xdg/native"
-  mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
-  HOME="$work/home" pulseaudio -n --daemonize=no --exit-idle-time=-1 --use-pid-file=no \
-    -L "module-native-protocol-unix socket=$work/xdg/native auth-anonymous=1" \
-    -L "module-null-sink sink_name=speakers rate=48000 channels=2" \
-    -L "module-null-sink sink_name=micsink channels=1" \
-    -L "module-remap-source source_name=mic master=micsink.monitor" \
-    >"$work/pulse.log" 2>&1 &
-  pids+=($!)
-  for _ in $(seq 100); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
-  pactl set-default-sink speakers
-  pactl set-default-source mic
-  echo "sound server: private PulseAudio (speakers = null sink, microphone = test source)"
-  far_sink=speakers; near_sink=micsink
-else
-  echo "sound server: $(pactl info | sed -n 's/^Server Name: //p')"
-  far_sink=@DEFAULT_SINK@; near_sink=""
-fi
+private_sound
 
 # Speech for both sides of the "call", played for longer than the capture runs.
 espeak-ng -w "$work/far.wav" "This is the far end of the call. We are discussing the quarterly plan and the release schedule for the new desktop application." 2>/dev/null

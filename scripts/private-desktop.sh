@@ -1,0 +1,100 @@
+# Sourced by the scripts that run the program on this machine: builds it, and
+# brings up the local server and whatever the desktop lacks (session bus,
+# keyring, sound server, display) as private ones that end with the script.
+# The caller sets `work` to a fresh folder first.
+root=$PWD
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+}
+trap cleanup EXIT
+
+build_program() {
+  bash scripts/setup.sh
+  cmake --preset release >/dev/null
+  cmake --build --preset release -j "$(nproc)" --target VelmoraTessel velmora-devserver "$@"
+}
+
+# velmora-devserver with the given options; sets `origin` and `cert`.
+start_devserver() {
+  "$root/build/bin/velmora-devserver" "$@" --data-dir "$work/server" \
+    >"$work/devserver.out" 2>"$work/devserver.err" &
+  pids+=($!)
+  for _ in $(seq 100); do
+    grep -q '^velmora-devserver ready' "$work/devserver.out" 2>/dev/null && break
+    sleep 0.1
+  done
+  local ready
+  ready=$(grep '^velmora-devserver ready' "$work/devserver.out") || { cat "$work/devserver.err"; exit 1; }
+  origin=$(echo "$ready" | awk '{print $3}')
+  cert=$(echo "$ready" | sed -n 's/.* cert=\([^ ]*\).*/\1/p')
+}
+
+# A sound server when none answers: speakers are a null sink, the microphone a
+# source fed by its own null sink. Sets `far_sink` and `near_sink` (empty when
+# the user's own microphone hears the room).
+private_sound() {
+  if pactl info >/dev/null 2>&1; then
+    echo "sound server: $(pactl info | sed -n 's/^Server Name: //p')"
+    far_sink=@DEFAULT_SINK@
+    near_sink=""
+    return
+  fi
+  export XDG_RUNTIME_DIR="$work/xdg" PULSE_SERVER="unix:$work/xdg/native"
+  mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
+  HOME="$work/home" pulseaudio -n --daemonize=no --exit-idle-time=-1 --use-pid-file=no \
+    -L "module-native-protocol-unix socket=$work/xdg/native auth-anonymous=1" \
+    -L "module-null-sink sink_name=speakers rate=48000 channels=2" \
+    -L "module-null-sink sink_name=micsink channels=1" \
+    -L "module-remap-source source_name=mic master=micsink.monitor" \
+    >"$work/pulse.log" 2>&1 &
+  pids+=($!)
+  for _ in $(seq 100); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
+  pactl set-default-sink speakers
+  pactl set-default-source mic
+  echo "sound server: private PulseAudio (speakers = null sink, microphone = test source)"
+  far_sink=speakers
+  near_sink=micsink
+}
+
+private_bus() {
+  [ -n "${DBUS_SESSION_BUS_ADDRESS:-}" ] && return
+  dbus-daemon --session --nofork --print-address=3 3>"$work/bus.address" &
+  pids+=($!)
+  for _ in $(seq 50); do [ -s "$work/bus.address" ] && break; sleep 0.1; done
+  DBUS_SESSION_BUS_ADDRESS=$(head -1 "$work/bus.address")
+  export DBUS_SESSION_BUS_ADDRESS
+  echo "session bus: private"
+}
+
+secrets_on_bus() {
+  dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+    org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets 2>/dev/null | grep -q true
+}
+
+# An unlocked keyring, when none answers on the bus.
+private_keyring() {
+  secrets_on_bus && return
+  # The daemon needs its home and a private runtime directory for its sockets.
+  mkdir -p "$work/home/data" "$work/home/run" && chmod 700 "$work/home/run"
+  printf 'velmora-app' | HOME="$work/home" XDG_DATA_HOME="$work/home/data" \
+    XDG_RUNTIME_DIR="$work/home/run" gnome-keyring-daemon --foreground --unlock --components=secrets \
+    >"$work/keyring.log" 2>&1 &
+  pids+=($!)
+  for _ in $(seq 50); do secrets_on_bus && break; sleep 0.1; done
+  secrets_on_bus ||
+    { cat "$work/keyring.log"; echo "keyring: gnome-keyring-daemon did not come on the bus" >&2; exit 1; }
+  echo "keyring: private (gnome-keyring, unlocked)"
+}
+
+# A display, when there is none: the program runs, but only a screenshot shows it.
+private_display() {
+  { [ -n "${DISPLAY:-}" ] || [ -n "${WAYLAND_DISPLAY:-}" ]; } && return
+  Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp 3>"$work/display" &
+  pids+=($!)
+  for _ in $(seq 50); do [ -s "$work/display" ] && break; sleep 0.1; done
+  DISPLAY=":$(head -1 "$work/display")"
+  export DISPLAY
+  echo "display: private Xvfb $DISPLAY (no desktop: the program has no tray and shows its window there)"
+}
