@@ -158,7 +158,8 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
             .openWindow = [this](const QString& id) { openWindow(id); },
             .quit = [this] { delegate_.requestQuit(); },
             .openURL = openInDesktop,
-        });
+        },
+        PopoverView::Sources{.infra = infra_.get(), .notifications = notifications_.get()});
     controller_.statusItemToggle = [this] {
         if (!trayMode_) {
             return false;

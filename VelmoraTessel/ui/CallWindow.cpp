@@ -1,10 +1,15 @@
 #include "ui/CallWindow.h"
 
+#include "ui/CaptureStatusView.h"
+#include "ui/ErrorNotice.h"
 #include "ui/Widgets.h"
 
 #include <QApplication>
 #include <QClipboard>
 #include <QHBoxLayout>
+#include <QKeySequence>
+#include <QProgressBar>
+#include <QShortcut>
 #include <QVBoxLayout>
 
 namespace tessel::app {
@@ -78,6 +83,8 @@ CallWindow::CallWindow(AppModel& model, std::function<void(const QString&)> open
     row->addWidget(start_);
     layout->addLayout(row);
 
+    connect(new QShortcut(QKeySequence(Qt::Key_Escape), this), &QShortcut::activated, this,
+            &QWidget::close);
     connect(&model, &AppModel::changed, this, &CallWindow::refresh, Qt::QueuedConnection);
     refresh();
 }
@@ -102,8 +109,13 @@ void CallWindow::refresh() {
     if (model.startingCapture()) {
         rows->addWidget(textLine(
             QStringLiteral("Preparing audio permissions and starting the call…"), status_));
+        auto* busy = new QProgressBar(status_);
+        busy->setRange(0, 0);
+        busy->setTextVisible(false);
+        busy->setMaximumHeight(6);
+        rows->addWidget(busy);
     }
-    if (QWidget* error = modelError(
+    if (QWidget* error = modelErrorView(
             model, [] {}, status_)) {
         rows->addWidget(error);
     }
@@ -112,8 +124,10 @@ void CallWindow::refresh() {
                                [this] { openWindow_(QStringLiteral("login")); }));
     }
     if (model.capture() && !model.startingCapture()) {
-        rows->addWidget(
-            captureStatus(model, *model.capture(), false, {[] {}, openWindow_}, status_));
+        rows->addWidget(captureStatusView(CaptureSnapshot::of(*model.capture()), false,
+                                          CaptureActions::of(
+                                              model, [] {}, openWindow_),
+                                          status_));
     }
     statusRows_->addWidget(status_);
 }

@@ -1,10 +1,13 @@
 #include "ui/LoginWindow.h"
 
+#include "ui/ErrorNotice.h"
 #include "ui/Widgets.h"
 
 #include <QApplication>
 #include <QClipboard>
 #include <QHBoxLayout>
+#include <QKeySequence>
+#include <QShortcut>
 #include <QVBoxLayout>
 
 namespace tessel::app {
@@ -53,6 +56,8 @@ LoginWindow::LoginWindow(AppModel& model, OpenURL openURL, QWidget* parent)
     row->addWidget(signIn_);
     layout->addLayout(row);
 
+    connect(new QShortcut(QKeySequence(Qt::Key_Escape), this), &QShortcut::activated, this,
+            &QWidget::close);
     connect(&model, &AppModel::changed, this, &LoginWindow::refresh, Qt::QueuedConnection);
     refresh();
 }
@@ -105,7 +110,7 @@ void LoginWindow::refresh() {
         rows->addLayout(buttons);
         rows->addWidget(textLine(QStringLiteral("Waiting for your approval…"), status_, true));
     }
-    if (QWidget* error = modelError(
+    if (QWidget* error = modelErrorView(
             model, [] {}, status_)) {
         rows->addWidget(error);
     }

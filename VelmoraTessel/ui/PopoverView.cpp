@@ -1,26 +1,73 @@
 #include "ui/PopoverView.h"
 
+#include "app/AppTranslocation.h"
 #include "app/AppVersion.h"
+#include "ui/CaptureStatusView.h"
+#include "ui/ErrorNotice.h"
+#include "ui/IdleBlock.h"
+#include "ui/InfraView.h"
+#include "ui/Symbols.h"
+#include "ui/Toolbar.h"
 #include "ui/Widgets.h"
 
+#include <QCheckBox>
+#include <QCoreApplication>
+#include <QGuiApplication>
 #include <QHBoxLayout>
-#include <QLocale>
-#include <QMenu>
+#include <QLabel>
 #include <QTimer>
-#include <QToolButton>
+#include <QWindow>
 
 namespace tessel::app {
 
 PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions actions,
-                         QWidget* parent)
-    : QWidget(parent), model_(&model), controller_(controller), actions_(std::move(actions)) {
+                         Sources sources, QWidget* parent)
+    : QWidget(parent), model_(&model), controller_(controller), actions_(std::move(actions)),
+      infra_(sources.infra), notifications_(sources.notifications) {
     setWindowTitle(QStringLiteral("Velmora"));
+    setAccessibleName(QStringLiteral("Velmora"));
     setFixedWidth(340);
-    auto* outer = new QVBoxLayout(this);
-    outer->setContentsMargins(14, 14, 14, 14);
-    outer->setSizeConstraint(QLayout::SetFixedSize);
+    outer_ = new QVBoxLayout(this);
+    outer_->setContentsMargins(14, 14, 14, 14);
+    outer_->setSpacing(12);
+    outer_->setSizeConstraint(QLayout::SetFixedSize);
+
+    // The infrastructure block keeps itself up to date; it is built once.
+    outer_->addWidget(divider(this));
+    infraView_ =
+        new InfraView(sources.infra,
+                      InfraView::Actions{
+                          .openSetup = [this] { openWorkspace(QStringLiteral("conductor-setup")); },
+                          .openURL = actions_.openURL,
+                          .closePopover = [this] { controller_.dismiss(); },
+                      },
+                      this);
+    outer_->addWidget(infraView_);
+    outer_->addWidget(divider(this));
+
     connect(&model, &AppModel::changed, this, &PopoverView::scheduleRebuild);
     connect(&model.updates(), &UpdateController::changed, this, &PopoverView::scheduleRebuild);
+    if (notifications_) {
+        connect(notifications_, &NotifyFeedModel::changed, this, &PopoverView::scheduleRebuild);
+    }
+    // A window of the program coming forward looks again for open calls and
+    // the infrastructure.
+    connect(qApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* window) {
+        if (!window || !model_) {
+            return;
+        }
+        QPointer<AppModel> owner = model_;
+        spawn([owner]() -> Task<void> {
+            if (owner) {
+                co_await owner->refreshOpenCalls();
+            }
+        });
+        spawn([owner]() -> Task<void> {
+            if (owner) {
+                co_await owner->infra().refresh(false);
+            }
+        });
+    });
     rebuild();
 }
 
@@ -31,10 +78,30 @@ void PopoverView::perform(PopoverAction kind, const std::function<void()>& actio
     action();
 }
 
+void PopoverView::openWorkspace(const QString& id) {
+    perform(PopoverAction::opensWindow, [this, id] {
+        if (!model_) {
+            return;
+        }
+        if (id == QStringLiteral("add-organisation")) {
+            model_->setLoginURL(QString());
+            actions_.openWindow(QStringLiteral("login"));
+        } else if (id == QStringLiteral("login")) {
+            model_->setLoginURL(model_->baseURL());
+            actions_.openWindow(id);
+        } else {
+            actions_.openWindow(id);
+        }
+    });
+}
+
 void PopoverView::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
     rebuild();
-    // Opening the popover looks for open calls and the infrastructure again.
+    if (!model_) {
+        return;
+    }
+    model_->refreshOrgs();
     QPointer<AppModel> model = model_;
     spawn([model]() -> Task<void> {
         if (model) {
@@ -61,194 +128,196 @@ void PopoverView::scheduleRebuild() {
     });
 }
 
+void PopoverView::refreshEverything() {
+    QPointer<AppModel> owner = model_;
+    spawn([owner]() -> Task<void> {
+        if (owner) {
+            co_await owner->refreshOpenCalls();
+        }
+    });
+    spawn([owner]() -> Task<void> {
+        if (owner) {
+            co_await owner->infra().refresh(true);
+        }
+    });
+    if (owner) {
+        owner->refreshOrgs();
+    }
+}
+
 void PopoverView::rebuild() {
     if (!model_) {
         return;
     }
-    delete content_;
-    content_ = new QWidget(this);
-    rows_ = new QVBoxLayout(content_);
-    rows_->setContentsMargins(0, 0, 0, 0);
-    rows_->setSpacing(12);
-    layout()->addWidget(content_);
+    AppModel& model = *model_;
+    delete top_;
+    top_ = new QWidget(this);
+    auto* rows = new QVBoxLayout(top_);
+    rows->setContentsMargins(0, 0, 0, 0);
+    rows->setSpacing(12);
+    outer_->insertWidget(0, top_);
 
-    addHeader();
+    addToolbar(rows);
+    addInbox(rows);
+    if (AppTranslocation::isTranslocated(QCoreApplication::applicationFilePath())) {
+        rows->addWidget(textLine(QStringLiteral("Move VelmoraTessel to Applications so macOS "
+                                                "remembers your permissions."),
+                                 top_, true));
+    }
+    addCommands(rows);
+    const auto dismiss = [this] { controller_.dismiss(); };
+    if (CaptureSession* capture = model.capture()) {
+        rows->addWidget(captureStatusView(
+            CaptureSnapshot::of(*capture), true,
+            CaptureActions::of(model, dismiss, [this](const QString& id) { openWorkspace(id); }),
+            top_));
+    } else {
+        rows->addWidget(new IdleBlock(model, dismiss, top_));
+    }
+    if (QWidget* error = modelErrorView(model, dismiss, top_)) {
+        rows->addWidget(error);
+    }
+
+    infraView_->setOrg(model.orgStore().current().host, model.orgStore().current().name);
+    delete footer_;
+    footer_ = footer();
+    outer_->addWidget(footer_);
+}
+
+void PopoverView::addToolbar(QVBoxLayout* rows) {
+    QPointer<AppModel> owner = model_;
+    ToolbarActions actions{
+        .openWorkspace = [this](const QString& id) { openWorkspace(id); },
+        .selectOrg =
+            [owner](const QString& host) {
+                if (owner) {
+                    owner->selectOrg(host);
+                }
+            },
+        .signOut =
+            [owner] {
+                if (owner) {
+                    owner->signOut();
+                }
+            },
+        .signOutOfOrg =
+            [owner] {
+                if (owner) {
+                    owner->signOut();
+                    owner->refreshOrgs();
+                }
+            },
+        .refresh = [this] { refreshEverything(); },
+        .quit = [this] { perform(PopoverAction::quits, actions_.quit); },
+        .checkForUpdates =
+            [this, owner] {
+                perform(PopoverAction::opensWindow, [owner] {
+                    if (owner && owner->updates().canCheckForUpdates()) {
+                        owner->updates().checkForUpdates();
+                    }
+                });
+            },
+    };
+    rows->addWidget(new Toolbar(ToolbarState::of(*model_), std::move(actions), top_));
+}
+
+void PopoverView::addInbox(QVBoxLayout* rows) {
+    if (!notifications_) {
+        return;
+    }
+    AppModel& model = *model_;
+    NotifyFeedModel& feed = *notifications_;
+    auto* column = new QVBoxLayout;
+    column->setSpacing(6);
+    QString label = QStringLiteral("Inbox");
+    if (model.member() && feed.unread() >= 1) {
+        label += QStringLiteral(" · %1 unread").arg(feed.unread());
+    }
+    QPointer<AppModel> owner = model_;
+    column->addWidget(iconButton(QStringLiteral("tray"), QStringLiteral("Open inbox in browser"),
+                                 label, top_,
+                                 [this, owner] {
+                                     perform(PopoverAction::opensWindow, [this, owner] {
+                                         if (owner) {
+                                             actions_.openURL(QUrl(owner->inboxURL()));
+                                         }
+                                     });
+                                 }),
+                      0, Qt::AlignLeft);
+    auto* desktop = new QCheckBox(QStringLiteral("Desktop notifications"), top_);
+    desktop->setChecked(feed.desktopNotifications());
+    QPointer<NotifyFeedModel> feedOwner = notifications_;
+    connect(desktop, &QCheckBox::toggled, top_, [feedOwner](bool on) {
+        if (feedOwner) {
+            feedOwner->setDesktopNotifications(on);
+        }
+    });
+    column->addWidget(desktop);
+    if (model.member() && feed.desktopNotifications()) {
+        if (const auto line = feed.humanLine() ? feed.humanLine() : feed.deliveryLine()) {
+            column->addWidget(textLine(*line, top_, true));
+        }
+    }
+    rows->addLayout(column);
+}
+
+void PopoverView::addCommands(QVBoxLayout* rows) {
     AppModel& model = *model_;
     QPointer<AppModel> owner = model_;
-    const auto dismiss = [this] { controller_.dismiss(); };
+    auto* heading = new QHBoxLayout;
+    heading->addWidget(textLine(QStringLiteral("Tessel"), top_, true));
+    heading->addStretch();
+    auto* mark = new QLabel(top_);
+    mark->setPixmap(symbolIcon(QStringLiteral("waveform.and.mic"), palette()).pixmap(16, 16));
+    heading->addWidget(mark);
+    rows->addLayout(heading);
 
-    // The call commands.
     auto* commands = new QHBoxLayout;
-    auto* take = button(QStringLiteral("Take notes"), content_, [this, owner] {
-        perform(PopoverAction::opensWindow, [this, owner] {
+    commands->setSpacing(12);
+    auto* take = iconButton(
+        QStringLiteral("record.circle"), QStringLiteral("Take notes on this call…"),
+        QStringLiteral("Take notes"), top_, [this, owner] {
             if (owner) {
-                actions_.openWindow(owner->member() ? QStringLiteral("call")
-                                                    : QStringLiteral("login"));
+                openWorkspace(owner->member() ? QStringLiteral("call") : QStringLiteral("login"));
             }
         });
-    });
-    take->setToolTip(QStringLiteral("Take notes on this call…"));
     take->setEnabled(model.canStartCapture());
     commands->addWidget(take);
     if (const auto saved = model.savedCallID()) {
-        commands->addWidget(button(QStringLiteral("Notes"), content_, [this, owner, id = *saved] {
-            perform(PopoverAction::opensWindow, [owner, id] {
-                if (owner) {
-                    owner->openCall(id);
-                }
-            });
-        }));
+        commands->addWidget(iconButton(QStringLiteral("note.text"),
+                                       QStringLiteral("Open notes in browser"),
+                                       QStringLiteral("Notes"), top_, [this, owner, id = *saved] {
+                                           perform(PopoverAction::opensWindow, [owner, id] {
+                                               if (owner) {
+                                                   owner->openCall(id);
+                                               }
+                                           });
+                                       }));
     }
     commands->addStretch();
-    rows_->addLayout(commands);
-
-    if (CaptureSession* capture = model.capture()) {
-        rows_->addWidget(
-            captureStatus(model, *capture, true, {dismiss, actions_.openWindow}, content_));
-    } else {
-        addIdleBlock();
-    }
-    if (QWidget* error = modelError(model, dismiss, content_)) {
-        rows_->addWidget(error);
-    }
-    addFooter();
+    rows->addLayout(commands);
 }
 
-void PopoverView::addHeader() {
+QWidget* PopoverView::footer() {
     AppModel& model = *model_;
     QPointer<AppModel> owner = model_;
-    auto* header = new QHBoxLayout;
-    auto* name = textLine(QStringLiteral("Velmora"), content_);
-    name->setStyleSheet(QStringLiteral("font-weight: bold;"));
-    header->addWidget(name);
-    header->addStretch();
-
-    // The organisation menu: the known ones, add, sign out.
-    auto* orgs = new QToolButton(content_);
-    orgs->setText(model.org());
-    orgs->setToolTip(model.org());
-    orgs->setPopupMode(QToolButton::InstantPopup);
-    auto* menu = new QMenu(orgs);
-    for (const Org& org : model.knownOrgs()) {
-        QAction* row = menu->addAction(org.name, this, [owner, host = org.host] {
-            if (owner) {
-                owner->selectOrg(host);
-            }
-        });
-        row->setCheckable(true);
-        row->setChecked(org.host == model.org());
-        row->setEnabled(model.canChangeOrg());
-    }
-    menu->addSeparator();
-    menu->addAction(QStringLiteral("Add organisation…"), this,
-                    [this, owner] {
-                        perform(PopoverAction::opensWindow, [this, owner] {
-                            if (owner) {
-                                owner->setLoginURL(QString());
-                                actions_.openWindow(QStringLiteral("login"));
-                            }
-                        });
-                    })
-        ->setEnabled(model.canChangeOrg());
-    menu->addAction(QStringLiteral("Sign out of ") + model.orgStore().current().name, this,
-                    [owner] {
-                        if (owner) {
-                            owner->signOut();
-                            owner->refreshOrgs();
-                        }
-                    })
-        ->setEnabled(!model.capture());
-    orgs->setMenu(menu);
-    header->addWidget(orgs);
-    rows_->addLayout(header);
-
-    // Who is signed in, or the way to sign in.
-    if (const auto& member = model.member()) {
-        rows_->addWidget(textLine(QStringLiteral("Signed in as ") +
-                                      member->email.value_or(QStringLiteral("member")),
-                                  content_, true));
-    } else if (const auto& grant = model.grant()) {
-        rows_->addWidget(textLine(QStringLiteral("Enter this code at ") +
-                                      model.endpoints().authServiceURL.host() +
-                                      QStringLiteral("/device: ") + grant->userCode,
-                                  content_));
-        rows_->addWidget(button(
-            QStringLiteral("Open sign-in page"), content_, [this, url = grant->verificationURL] {
-                perform(PopoverAction::opensWindow, [this, url] { actions_.openURL(url); });
-            }));
-    } else {
-        rows_->addWidget(button(QStringLiteral("Sign in…"), content_, [this, owner] {
-            perform(PopoverAction::opensWindow, [this, owner] {
-                if (owner) {
-                    owner->setLoginURL(owner->baseURL());
-                    actions_.openWindow(QStringLiteral("login"));
-                }
-            });
-        }));
-    }
-}
-
-void PopoverView::addIdleBlock() {
-    AppModel& model = *model_;
-    QPointer<AppModel> owner = model_;
-    if (model.savedCallID()) {
-        rows_->addWidget(textLine(QStringLiteral("Call saved. Writing notes…"), content_));
-    }
-    if (model.loadingOpenCalls()) {
-        rows_->addWidget(textLine(QStringLiteral("Looking for open calls…"), content_, true));
-    }
-    for (const OpenCall& call : model.openCalls()) {
-        const QString started =
-            call.startedAt ? QLocale().toString(call.startedAt->toLocalTime(), QLocale::ShortFormat)
-                           : QStringLiteral("unknown time");
-        rows_->addWidget(textLine(QStringLiteral("Call still open: ") + call.title +
-                                      QStringLiteral(" with ") + call.counterpart +
-                                      QStringLiteral(" · started ") + started,
-                                  content_));
-        auto* row = new QHBoxLayout;
-        const bool stopping = model.stoppingOpenCall() == call.id;
-        auto* stop =
-            button(stopping ? QStringLiteral("Stopping…") : QStringLiteral("Stop & write notes"),
-                   content_, [owner, id = call.id] {
-                       spawn([owner, id]() -> Task<void> {
-                           if (owner) {
-                               co_await owner->stopOpenCall(id, false);
-                           }
-                       });
-                   });
-        stop->setEnabled(!model.stoppingOpenCall());
-        row->addWidget(stop);
-        row->addWidget(
-            button(QStringLiteral("Open in browser"), content_, [this, owner, id = call.id] {
-                perform(PopoverAction::opensWindow, [owner, id] {
-                    if (owner) {
-                        owner->openCall(id);
-                    }
-                });
-            }));
-        row->addStretch();
-        rows_->addLayout(row);
-    }
-}
-
-void PopoverView::addFooter() {
-    AppModel& model = *model_;
-    QPointer<AppModel> owner = model_;
-    auto* footer = new QHBoxLayout;
-    footer->addWidget(textLine(AppVersion::label(), content_, true));
-    auto* check = button(QStringLiteral("Check for updates…"), content_, [this, owner] {
+    auto* box = new QWidget(this);
+    auto* row = new QHBoxLayout(box);
+    row->setContentsMargins(0, 0, 0, 0);
+    row->setSpacing(10);
+    row->addWidget(textLine(AppVersion::label(), box, true));
+    auto* check = button(QStringLiteral("Check for updates…"), box, [this, owner] {
         perform(PopoverAction::opensWindow, [owner] {
-            if (owner) {
+            if (owner && owner->updates().canCheckForUpdates()) {
                 owner->updates().checkForUpdates();
             }
         });
     });
+    check->setFlat(true);
     check->setEnabled(model.updates().canCheckForUpdates());
-    footer->addWidget(check);
-    footer->addStretch();
-    footer->addWidget(button(QStringLiteral("Quit"), content_,
-                             [this] { perform(PopoverAction::quits, actions_.quit); }));
-    rows_->addLayout(footer);
+    row->addWidget(check);
+    row->addStretch();
+    return box;
 }
 
 } // namespace tessel::app

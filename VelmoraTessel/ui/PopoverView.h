@@ -1,11 +1,14 @@
-// The popover's content: a plain list of what the application model holds —
-// organisation and sign-in, the call commands, the running capture or the
-// calls still open, the error line, the version and Quit. Rebuilt from the
-// model when it changes, and only while it is shown.
+// The popover's content, top to bottom: the toolbar, the inbox, the call
+// commands, the running capture or the idle block, the error, the local
+// infrastructure and the footer. 340 wide. Rebuilt from the models when they
+// change, and only while it is shown; refreshed when it appears and when a
+// window of the program becomes active.
 #pragma once
 
 #include "PopoverController.h"
 #include "app/AppModel.h"
+#include "infra/InfraModel.h"
+#include "notify/NotifyFeedModel.h"
 
 #include <QPointer>
 #include <QWidget>
@@ -16,6 +19,14 @@ class QVBoxLayout;
 
 namespace tessel::app {
 
+class InfraView;
+
+// The models shown beside the application model; either may be absent.
+struct PopoverSources {
+    InfraModel* infra = nullptr;
+    NotifyFeedModel* notifications = nullptr;
+};
+
 class PopoverView : public QWidget {
     Q_OBJECT
 
@@ -25,28 +36,38 @@ public:
         std::function<void()> quit;                        // the one road out
         OpenURL openURL;
     };
+    using Sources = PopoverSources;
 
     PopoverView(AppModel& model, PopoverController& controller, Actions actions,
-                QWidget* parent = nullptr);
+                Sources sources = {}, QWidget* parent = nullptr);
 
     // Runs `action` after taking the popover down when the policy says so.
     void perform(PopoverAction kind, const std::function<void()>& action);
+    // Opens a window by id; "add-organisation" and "login" set the address first.
+    void openWorkspace(const QString& id);
+    // Builds now what a change asked for (the tests look without a loop turn).
+    void rebuild();
 
 protected:
     void showEvent(QShowEvent* event) override;
 
 private:
     void scheduleRebuild();
-    void rebuild();
-    void addHeader();
-    void addIdleBlock();
-    void addFooter();
+    void refreshEverything();
+    void addToolbar(QVBoxLayout* rows);
+    void addInbox(QVBoxLayout* rows);
+    void addCommands(QVBoxLayout* rows);
+    QWidget* footer();
 
     QPointer<AppModel> model_;
     PopoverController& controller_;
     Actions actions_;
-    QWidget* content_ = nullptr;
-    QVBoxLayout* rows_ = nullptr;
+    QPointer<InfraModel> infra_;
+    QPointer<NotifyFeedModel> notifications_;
+    QWidget* top_ = nullptr;
+    InfraView* infraView_ = nullptr;
+    QWidget* footer_ = nullptr;
+    QVBoxLayout* outer_ = nullptr;
     bool rebuildPending_ = false;
 };
 

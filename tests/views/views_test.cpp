@@ -1,0 +1,299 @@
+// The popover's and the windows' rules that can break, on real widgets
+// offscreen: the words per capture state, the enable rules of the toolbar and
+// of Start, and the login window's close ending the polling of the local server.
+#include "app/OrgMenuItem.h"
+#include "identity/UserDefaults.h"
+#include "ui/CallWindow.h"
+#include "ui/CaptureStatusView.h"
+#include "ui/LoginWindow.h"
+#include "ui/Toolbar.h"
+
+#include "support/DevServer.h"
+#include "support/ScriptedAudio.h"
+#include "support/Wait.h"
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QFile>
+#include <QLabel>
+#include <QMenu>
+#include <QTemporaryDir>
+#include <QToolButton>
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+using namespace tessel;
+using namespace tessel::app;
+using namespace tessel::test;
+
+namespace {
+
+bool eventually(const std::function<bool()>& condition, double seconds) {
+    const double deadline = monotonicNow() + seconds;
+    while (!condition()) {
+        if (monotonicNow() > deadline) {
+            return false;
+        }
+        wait(sleepFor(0.005));
+    }
+    return true;
+}
+
+// What the status block shows, top to bottom: label texts and the help of its
+// buttons ("[help]", "[help:off]" when disabled).
+QStringList lines(QWidget* box) {
+    QStringList out;
+    for (QWidget* widget : box->findChildren<QWidget*>()) {
+        if (widget->isHidden()) {
+            continue;
+        }
+        if (auto* label = qobject_cast<QLabel*>(widget)) {
+            out << label->text();
+        } else if (auto* button = qobject_cast<QToolButton*>(widget);
+                   button && !button->toolTip().isEmpty()) {
+            out << QStringLiteral("[%1%2]").arg(button->toolTip(),
+                                                button->isEnabled() ? "" : ":off");
+        }
+    }
+    return out;
+}
+
+QToolButton* buttonWithHelp(QWidget* parent, const QString& help) {
+    for (auto* button : parent->findChildren<QToolButton*>()) {
+        if (button->toolTip() == help) {
+            return button;
+        }
+    }
+    return nullptr;
+}
+
+TEST(ViewsTest, ElapsedMinutesAreNotCapped) {
+    const std::vector<std::pair<double, QString>> cases{
+        {0, "0:00"}, {59.99, "0:59"}, {60, "1:00"}, {3725, "62:05"}, {36001.5, "600:01"}};
+    for (const auto& [seconds, text] : cases) {
+        EXPECT_EQ(elapsedText(seconds), text) << seconds;
+    }
+}
+
+TEST(ViewsTest, EachCaptureStateShowsItsWordsAndButtons) {
+    using S = CaptureState;
+    UploadStatus uploads;
+    uploads.local = 3;
+    uploads.remote = 2;
+    struct Case {
+        CaptureSnapshot capture;
+        QStringList expected;
+    };
+    const std::vector<Case> cases{
+        // The sign-in notice and button first, the error once.
+        {{S::needsSignIn, 5, true, false, false, uploads, "Session expired.", std::nullopt,
+          std::nullopt, true},
+         {"Session expired.", "[Sign in…]", "Uploads paused · 0:05", "mic ✓ · system audio —",
+          "3 mic · 2 system segments uploaded", "[Stop & write notes]"}},
+        {{S::needsSignIn,
+          0,
+          true,
+          true,
+          false,
+          {},
+          std::nullopt,
+          std::nullopt,
+          std::nullopt,
+          false},
+         {CaptureSession::signInMessage, "[Sign in…]", "Uploads paused · 0:00",
+          "mic ✓ · system audio ✓", "0 mic · 0 system segments uploaded"}},
+        {{S::uploading, 3725, true, true, false, uploads, std::nullopt, std::nullopt, "m1", true},
+         {"Capture stopped · 62:05", "mic ✓ · system audio ✓", "3 mic · 2 system segments uploaded",
+          "[Uploading…:off]", "[Open notes in browser]"}},
+        {{S::superseded,
+          61,
+          false,
+          false,
+          false,
+          {},
+          "Another device took over.",
+          std::nullopt,
+          "m1",
+          false},
+         {"Capture stopped · 1:01", "mic — · system audio —", "0 mic · 0 system segments uploaded",
+          "Another device took over.", "[Back]", "[Open notes in browser]"}},
+        {{S::failed, 1, false, false, false, {}, "Broke.", std::nullopt, std::nullopt, false},
+         {"Capture stopped · 0:01", "mic — · system audio —", "0 mic · 0 system segments uploaded",
+          "Broke.", "[Back]"}},
+        {{S::finished, 9, true, true, false, {}, std::nullopt, std::nullopt, "m1", false},
+         {"Call saved. Writing notes…", "[Take notes on another call…]",
+          "[Open notes in browser]"}},
+    };
+    for (const Case& c : cases) {
+        QWidget parent;
+        QWidget* box = captureStatusView(c.capture, true, {}, &parent);
+        EXPECT_EQ(lines(box), c.expected) << lines(box).join(" | ").toStdString();
+    }
+}
+
+TEST(ViewsTest, OnlyAStopOutsideThePopoverOpensTheBrowser) {
+    for (const bool inPopover : {true, false}) {
+        std::vector<bool> stops;
+        CaptureActions actions;
+        actions.stop = [&](bool openBrowser) { stops.push_back(openBrowser); };
+        QWidget parent;
+        CaptureSnapshot listening;
+        listening.state = CaptureState::listening;
+        listening.canStop = true;
+        QWidget* box = captureStatusView(listening, inPopover, actions, &parent);
+        buttonWithHelp(box, "Stop & write notes")->click();
+        EXPECT_EQ(stops, std::vector<bool>{!inPopover});
+    }
+}
+
+TEST(ViewsTest, OrgMenuRowsEndWithAddAndSignOut) {
+    const Org current{"alpha.example", QUrl("https://alpha.example"), "alpha"};
+    const auto empty = OrgMenuItem::items({}, current);
+    ASSERT_EQ(empty.size(), 2u);
+    EXPECT_EQ(empty[0].title, "Add organisation…");
+    EXPECT_EQ(empty[1].title, "Sign out of alpha");
+    // The same host under another name is not the current one.
+    const auto rows =
+        OrgMenuItem::items({{current.host, current.url, "Alpha Inc"}, current}, current);
+    EXPECT_FALSE(rows[0].checked);
+    EXPECT_TRUE(rows[1].checked);
+    EXPECT_EQ(rows[1].action, OrgMenuItem::Action(OrgMenuItem::Select{"alpha.example"}));
+}
+
+TEST(ViewsTest, DuringACallOnlySignInStaysOpenInTheMenus) {
+    const Org current{"alpha.example", QUrl("https://alpha.example"), "alpha"};
+    for (const bool capture : {true, false}) {
+        ToolbarState state;
+        state.org = current;
+        state.rows = OrgMenuItem::items({current}, current);
+        state.canChangeOrg = !capture;
+        state.capture = capture;
+        state.signedIn = true;
+        Toolbar toolbar(state, {});
+        const auto* orgs = toolbar.findChild<QToolButton*>("organisation");
+        for (QAction* row : orgs->menu()->actions()) {
+            if (!row->isSeparator()) {
+                EXPECT_EQ(row->isEnabled(), !capture) << row->text().toStdString();
+            }
+        }
+        const auto* account = toolbar.findChild<QToolButton*>("account");
+        EXPECT_EQ(account->toolTip(), "Account"); // a member without an email
+        std::map<QString, bool> enabled;
+        for (QAction* row : account->menu()->actions()) {
+            enabled[row->text()] = row->isEnabled();
+        }
+        EXPECT_TRUE(enabled.contains("member"));
+        EXPECT_TRUE(enabled["Sign in…"]);
+        EXPECT_EQ(enabled["Organisation…"], !capture);
+        EXPECT_EQ(enabled["Sign out"], !capture);
+    }
+}
+
+// The keyring, in memory.
+class MemoryStore : public SecureStore {
+public:
+    std::optional<QByteArray> read(const QString& account) const override {
+        const auto found = items.find(account);
+        return found == items.end() ? std::nullopt : std::optional(found->second);
+    }
+    void write(const QString& account, const QByteArray& secret) const override {
+        items[account] = secret;
+    }
+    void erase(const QString& account) const override { items.erase(account); }
+    QStringList accounts() const override { return {}; }
+    mutable std::map<QString, QByteArray> items;
+};
+
+constexpr double speed = 100;
+
+class WindowsTest : public ::testing::Test {
+protected:
+    WindowsTest() {
+        QFile file(dir.filePath("endpoints.json"));
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray::fromStdString(nlohmann::json{
+            {"default_org_host", "alpha.velmora.test"},
+            {"org_origin", server.origin()},
+            {"auth_service_url", server.origin()},
+            {"ca_file", server.certPath()}}.dump()));
+        file.close();
+        const Endpoints endpoints = Endpoints::load(file.fileName());
+        model = std::make_unique<AppModel>(
+            AppModel::Services{
+                .endpoints = endpoints,
+                .defaults = std::make_shared<SettingsDefaults>(dir.filePath("defaults.conf")),
+                .secureStore = std::make_shared<MemoryStore>(),
+                .httpSession = std::make_shared<HTTPSession>(endpoints.httpOptions()),
+                .makeAudio = ScriptedAudio::maker(std::make_shared<ScriptedAudioControl>()),
+                .captureClock = {},
+                .clock = {[] { return monotonicNow() * speed; },
+                          [](double seconds, CancellationToken token) {
+                              return sleepFor(seconds / speed, std::move(token));
+                          }},
+                .openURL = [](const QUrl&) {},
+                .updateEngine = nullptr,
+                .infra = nullptr,
+            },
+            false);
+    }
+
+    long tokenPolls() {
+        const auto routes = server.routes();
+        return std::count(routes.begin(), routes.end(), "device_token");
+    }
+
+    DevServer server{{.https = true}};
+    QTemporaryDir dir;
+    std::unique_ptr<AppModel> model;
+};
+
+TEST_F(WindowsTest, StartWantsATitleBeyondBlanks) {
+    CallWindow window(*model, [](const QString&) {});
+    window.show();
+    QPushButton* start = nullptr;
+    for (auto* button : window.findChildren<QPushButton*>()) {
+        if (button->text() == "Start") {
+            start = button;
+        }
+    }
+    const auto fields = window.findChildren<QLineEdit*>();
+    ASSERT_EQ(fields.size(), 3);
+    fields[1]->setText("Initech");
+    window.findChild<QCheckBox*>()->setChecked(true);
+    for (const QString title : {"", "   ", " \t\n "}) {
+        fields[0]->setText(title);
+        EXPECT_FALSE(start->isEnabled()) << title.toStdString();
+    }
+    fields[0]->setText(" Kickoff ");
+    EXPECT_TRUE(start->isEnabled());
+    // Closing forgets the fields and the acknowledgement.
+    window.close();
+    EXPECT_TRUE(fields[0]->text().isEmpty());
+    EXPECT_FALSE(window.findChild<QCheckBox*>()->isChecked());
+    EXPECT_FALSE(start->isEnabled());
+}
+
+TEST_F(WindowsTest, ClosingLoginEndsThePolling) {
+    LoginWindow window(*model, [](const QUrl&) {});
+    model->setLoginURL(model->baseURL());
+    window.show();
+    model->signInFromWindow();
+    ASSERT_TRUE(eventually([&] { return model->grant() && tokenPolls() >= 2; }, 30));
+    bool shown = false;
+    for (auto* label : window.findChildren<QLabel*>()) {
+        shown |=
+            label->text().startsWith("Enter this code at ") && label->text().endsWith("/device:");
+    }
+    EXPECT_TRUE(shown);
+    window.close();
+    EXPECT_FALSE(model->grant());
+    const long polls = tokenPolls();
+    // Several polling intervals of the sped-up clock go by without a request.
+    wait(sleepFor(0.5));
+    EXPECT_EQ(tokenPolls(), polls);
+    EXPECT_FALSE(model->signingIn());
+}
+
+} // namespace
