@@ -30,7 +30,6 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
     outer_ = new QVBoxLayout(this);
     outer_->setContentsMargins(14, 14, 14, 14);
     outer_->setSpacing(12);
-    outer_->setSizeConstraint(QLayout::SetFixedSize);
 
     // The infrastructure block keeps itself up to date; it is built once.
     outer_->addWidget(divider(this));
@@ -182,6 +181,10 @@ void PopoverView::rebuild() {
     delete footer_;
     footer_ = footer();
     outer_->addWidget(footer_);
+    // 340 wide, as tall as the rows need.
+    outer_->activate();
+    resize(width(), outer_->hasHeightForWidth() ? outer_->totalHeightForWidth(width())
+                                                : outer_->totalSizeHint().height());
 }
 
 void PopoverView::addToolbar(QVBoxLayout* rows) {
