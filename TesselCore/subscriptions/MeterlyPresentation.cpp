@@ -42,12 +42,13 @@ const QRegularExpression& rateLimit() {
 }
 
 // What a text could hold, from one pass over it: "run" in any case, a tool's
-// name, an arrow, a digit before a "T".
+// name, an arrow, a digit before a "T", a provider's name before a colon.
 struct Hints {
     bool run = false;
     bool tool = false;
     bool arrow = false;
     bool stamp = false;
+    bool providerPrefix = false;
 
     static Hints of(QStringView text) {
         Hints h;
@@ -64,6 +65,12 @@ struct Hints {
                 h.arrow = true;
             } else if (c == u'T' && i > 0 && text[i - 1].isDigit()) {
                 h.stamp = true;
+            } else if (c == u':' && !h.providerPrefix) {
+                const QStringView before = text.left(i);
+                for (const char16_t* name :
+                     {u"claude", u"codex", u"zai", u"kimi", u"grok", u"openrouter"}) {
+                    h.providerPrefix = h.providerPrefix || before.endsWith(QStringView(name));
+                }
             }
         }
         return h;
@@ -106,18 +113,52 @@ int providerRank(MeterlyProvider provider) {
     return 6;
 }
 
-QString formatted(const QDateTime& instant, const QString& pattern, const QLocale& locale,
-                  const QTimeZone& timeZone) {
-    return locale.toString(instant.toTimeZone(timeZone), pattern);
+QString resetWords(const std::optional<QString>& resetsAt, std::optional<double> resetsInSeconds,
+                   const QDateTime& now, const LocalClock& clock) {
+    QDateTime target;
+    double interval = 0;
+    if (resetsInSeconds && std::isfinite(*resetsInSeconds)) {
+        interval = *resetsInSeconds;
+        target = now.addMSecs(static_cast<qint64>(std::llround(interval * 1000.0)));
+    } else if (const auto when = MeterlySnapshot::date(resetsAt)) {
+        target = *when;
+        interval = static_cast<double>(now.msecsTo(target)) / 1000.0;
+    } else {
+        return QString();
+    }
+    if (interval <= 0) {
+        return u"resets now"_s;
+    }
+    if (interval >= 86400) {
+        return u"resets "_s + clock.format(target, u"ddd HH:mm");
+    }
+    if (interval >= 3600) {
+        return u"resets in "_s + QString::number(static_cast<qint64>(std::ceil(interval / 3600))) +
+               u'h';
+    }
+    const auto minutes = std::max<qint64>(1, static_cast<qint64>(std::ceil(interval / 60)));
+    return u"resets in "_s + QString::number(minutes) + u'm';
 }
 
-QString shortTime(const QDateTime& instant, const QLocale& locale, const QTimeZone& timeZone) {
-    return locale.toString(instant.toTimeZone(timeZone).time(), QLocale::ShortFormat);
+QString renewalWords(const std::optional<QString>& renewsAt, const std::optional<QString>& source,
+                     const QString& provider, const LocalClock& clock) {
+    const auto when = MeterlySnapshot::date(renewsAt);
+    if (!when) {
+        return u"Renewal date not exposed by "_s + MeterlyPresentation::human(provider, {});
+    }
+    const bool reported = source == u"reported"_s;
+    QString suffix;
+    if (source == u"inferred"_s) {
+        suffix = u" (inferred from subscription start)"_s;
+    } else if (reported) {
+        suffix = u" (reported)"_s;
+    }
+    return u"Renews "_s + clock.format(*when, reported ? u"d MMM" : u"ddd d MMM, HH:mm") + suffix;
 }
 
 MeterlyPresentation::Window presentWindow(const MeterlySnapshot::Window& window, double elapsed,
-                                          const QDateTime& now, const QLocale& locale,
-                                          const QTimeZone& timeZone, const TextCleaner& clean) {
+                                          const QDateTime& now, const LocalClock& clock,
+                                          const TextCleaner& clean) {
     MeterlyPresentation::Window w;
     if (const auto used = window.displayUsedPct()) {
         w.percent = std::clamp(*used, 0.0, 100.0);
@@ -138,14 +179,14 @@ MeterlyPresentation::Window presentWindow(const MeterlySnapshot::Window& window,
     if (window.resetsInSeconds) {
         seconds = *window.resetsInSeconds - elapsed;
     }
-    w.reset = MeterlyPresentation::resetText(window.resetsAt, seconds, now, locale, timeZone);
+    w.reset = resetWords(window.resetsAt, seconds, now, clock);
     return w;
 }
 
 MeterlyPresentation::Seat presentSeat(const MeterlySnapshot::Seat& seat,
                                       const MeterlySnapshot& snapshot, const QDateTime& now,
-                                      const QLocale& locale, const QTimeZone& timeZone,
-                                      const TextCleaner& clean, const TextCleaner& plain) {
+                                      const LocalClock& clock, const TextCleaner& clean,
+                                      const TextCleaner& plain) {
     MeterlyPresentation::Seat s;
     s.id = seat.id;
     s.provider = seat.provider;
@@ -162,12 +203,12 @@ MeterlyPresentation::Seat presentSeat(const MeterlySnapshot::Seat& seat,
 
     s.windows.reserve(seat.windows.size());
     for (const auto& window : seat.windows) {
-        s.windows.append(presentWindow(window, elapsed, now, locale, timeZone, clean));
+        s.windows.append(presentWindow(window, elapsed, now, clock, clean));
     }
 
     s.stale = seat.isStale();
     if (s.stale && readDate) {
-        s.lastRead = u"Last read "_s + shortTime(*readDate, locale, timeZone);
+        s.lastRead = u"Last read "_s + clock.shortTime(*readDate);
     }
 
     QString rawBinding;
@@ -215,8 +256,8 @@ MeterlyPresentation::Seat presentSeat(const MeterlySnapshot::Seat& seat,
     // A stale seat's error belongs to an old attempt; its note says why it is stale.
     const QString& note = !s.stale && seat.error ? seat.error->message : seat.note;
     s.note = clean.clean(note);
-    s.renewal = MeterlyPresentation::renewalText(seat.renewsAt, seat.renewsSource,
-                                                 clean.clean(seat.providerLabel), locale, timeZone);
+    s.renewal =
+        renewalWords(seat.renewsAt, seat.renewsSource, clean.clean(seat.providerLabel), clock);
     if (seat.links) {
         s.usageURL = MeterlyPresentation::pageURL(seat.links->usage);
         s.billingURL = MeterlyPresentation::pageURL(seat.links->billing);
@@ -325,20 +366,20 @@ void TextCleaner::addSeats(const QList<MeterlySnapshot::Seat>& seats, const Text
     }
 }
 
-// One pass over the text instead of one search per seat: most texts name no seat.
-bool TextCleaner::holdsAnIdentifier(QStringView text) const {
-    if (replacements_.isEmpty()) {
-        return false;
-    }
+// The first identifier, in replacement order from `from` on, that the text
+// holds, or -1: one pass over the text instead of one search per seat.
+qsizetype TextCleaner::firstPresent(QStringView text, qsizetype from) const {
+    qsizetype first = -1;
     for (qsizetype at = 0; at < text.size(); ++at) {
         const char16_t c = text[at].unicode();
         for (const qsizetype i : byFirst_[c < 128 ? c : 128]) {
-            if (text.mid(at).startsWith(replacements_[i].first)) {
-                return true;
+            if (i >= from && (first < 0 || i < first) &&
+                text.mid(at).startsWith(replacements_[i].first)) {
+                first = i;
             }
         }
     }
-    return false;
+    return first;
 }
 
 QString TextCleaner::clean(const QString& raw) const {
@@ -362,15 +403,15 @@ QString TextCleaner::clean(const QString& raw) const {
             text.truncate(m.capturedStart());
         }
     }
-    if (holdsAnIdentifier(text)) {
-        for (const auto& [id, shortName] : replacements_) {
-            if (text.contains(id)) {
-                text.replace(id, shortName);
-            }
-        }
+    // Longest identifier first, each replaced everywhere before the next is
+    // looked for, as the short names may hold identifiers themselves.
+    if (qsizetype i = firstPresent(text, 0); i >= 0) {
+        do {
+            text.replace(replacements_[i].first, replacements_[i].second);
+        } while ((i = firstPresent(text, i + 1)) >= 0);
         hints = Hints::of(text); // the short names are in the text now
     }
-    if (text.contains(u':')) {
+    if (hints.providerPrefix) {
         text.replace(providerPrefix(), u"\\1"_s);
     }
     if (hints.arrow) {
@@ -398,17 +439,16 @@ QString TextCleaner::clean(const QString& raw) const {
 
 MeterlyPresentation::MeterlyPresentation(const MeterlySnapshot& snapshot, const QDateTime& now,
                                          const QLocale& locale, const QTimeZone& timeZone)
-    : MeterlyPresentation(snapshot, now, locale, timeZone, TextCleaner()) {}
+    : MeterlyPresentation(snapshot, now, LocalClock(locale, timeZone, now), TextCleaner()) {}
 
 MeterlyPresentation::MeterlyPresentation(const MeterlySnapshot& snapshot, const QDateTime& now,
-                                         const QLocale& locale, const QTimeZone& timeZone,
-                                         const TextCleaner& plain) {
+                                         const LocalClock& clock, const TextCleaner& plain) {
     const QList<MeterlySnapshot::Seat> sorted = sortedSeats(snapshot.seats);
     const TextCleaner clean(sorted, plain);
 
     seats.reserve(sorted.size());
     for (const auto& seat : sorted) {
-        seats.append(presentSeat(seat, snapshot, now, locale, timeZone, clean, plain));
+        seats.append(presentSeat(seat, snapshot, now, clock, clean, plain));
     }
     summary = clean.clean(snapshot.summary.value_or(QString()));
 
@@ -443,8 +483,8 @@ QString MeterlyPresentation::human(const QString& text, const QList<MeterlySnaps
 }
 
 QString MeterlyPresentation::money(double amount, const std::optional<QString>& currency) {
-    // asprintf ignores the locale: always a point and two decimals.
-    const QString figure = QString::asprintf("%.2f", amount);
+    // QString::number ignores the locale: always a point and two decimals.
+    const QString figure = QString::number(amount, 'f', 2);
     if (!currency || *currency == u"USD") {
         return u'$' + figure;
     }
@@ -454,48 +494,15 @@ QString MeterlyPresentation::money(double amount, const std::optional<QString>& 
 QString MeterlyPresentation::resetText(const std::optional<QString>& resetsAt,
                                        std::optional<double> resetsInSeconds, const QDateTime& now,
                                        const QLocale& locale, const QTimeZone& timeZone) {
-    QDateTime target;
-    double interval = 0;
-    if (resetsInSeconds && std::isfinite(*resetsInSeconds)) {
-        interval = *resetsInSeconds;
-        target = now.addMSecs(static_cast<qint64>(std::llround(interval * 1000.0)));
-    } else if (const auto when = MeterlySnapshot::date(resetsAt)) {
-        target = *when;
-        interval = static_cast<double>(now.msecsTo(target)) / 1000.0;
-    } else {
-        return QString();
-    }
-    if (interval <= 0) {
-        return u"resets now"_s;
-    }
-    if (interval >= 86400) {
-        return u"resets "_s + formatted(target, u"ddd HH:mm"_s, locale, timeZone);
-    }
-    if (interval >= 3600) {
-        return u"resets in "_s + QString::number(static_cast<qint64>(std::ceil(interval / 3600))) +
-               u'h';
-    }
-    const auto minutes = std::max<qint64>(1, static_cast<qint64>(std::ceil(interval / 60)));
-    return u"resets in "_s + QString::number(minutes) + u'm';
+    return resetWords(resetsAt, resetsInSeconds, now, LocalClock(locale, timeZone, now));
 }
 
 QString MeterlyPresentation::renewalText(const std::optional<QString>& renewsAt,
                                          const std::optional<QString>& source,
                                          const QString& provider, const QLocale& locale,
                                          const QTimeZone& timeZone) {
-    const auto when = MeterlySnapshot::date(renewsAt);
-    if (!when) {
-        return u"Renewal date not exposed by "_s + human(provider, {});
-    }
-    const bool reported = source == u"reported"_s;
-    const QString pattern = reported ? u"d MMM"_s : u"ddd d MMM, HH:mm"_s;
-    QString suffix;
-    if (source == u"inferred"_s) {
-        suffix = u" (inferred from subscription start)"_s;
-    } else if (reported) {
-        suffix = u" (reported)"_s;
-    }
-    return u"Renews "_s + formatted(*when, pattern, locale, timeZone) + suffix;
+    const QDateTime around = MeterlySnapshot::date(renewsAt).value_or(QDateTime());
+    return renewalWords(renewsAt, source, provider, LocalClock(locale, timeZone, around));
 }
 
 QList<MeterlySnapshot::Seat>

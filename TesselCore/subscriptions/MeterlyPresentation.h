@@ -7,6 +7,7 @@
 // provider prefixes and puts raw timestamps into words.
 #pragma once
 
+#include "subscriptions/LocalClock.h"
 #include "subscriptions/MeterlySnapshot.h"
 
 #include <QHash>
@@ -31,7 +32,7 @@ public:
 
 private:
     void addSeats(const QList<MeterlySnapshot::Seat>& seats, const TextCleaner& plain);
-    bool holdsAnIdentifier(QStringView text) const;
+    qsizetype firstPresent(QStringView text, qsizetype from) const;
 
     QList<std::pair<QString, QString>> replacements_; // id → short name, longest id first
     // Places in `replacements_` by the identifier's first character, ASCII
@@ -90,9 +91,9 @@ struct MeterlyPresentation {
 
     MeterlyPresentation(const MeterlySnapshot& snapshot, const QDateTime& now,
                         const QLocale& locale, const QTimeZone& timeZone);
-    // The same, sharing a caller's cleaner without seats.
+    // The same, sharing a caller's clock and cleaner without seats.
     MeterlyPresentation(const MeterlySnapshot& snapshot, const QDateTime& now,
-                        const QLocale& locale, const QTimeZone& timeZone, const TextCleaner& plain);
+                        const LocalClock& clock, const TextCleaner& plain);
 
     // The text cleaner. Times found in the text are written in the process's
     // current locale and time zone.

@@ -46,11 +46,6 @@ QString capitalised(const QString& text) {
     return result;
 }
 
-QString formatted(const QDateTime& instant, const QString& pattern, const QLocale& locale,
-                  const QTimeZone& timeZone) {
-    return locale.toString(instant.toTimeZone(timeZone), pattern);
-}
-
 // The window's cleaning: the presentation's cleaner over the seats in reading
 // order, then any "word:value" loses its word, not only a provider's.
 class DashboardCleaner {
@@ -109,11 +104,11 @@ const MeterlySnapshot::Seat* lookup(const QString& reference,
 }
 
 std::pair<QString, QString> age(const std::optional<QDateTime>& fetched, const QDateTime& now,
-                                const QLocale& locale, const QTimeZone& timeZone) {
+                                const LocalClock& clock) {
     if (!fetched) {
         return {u"Waiting for a reading"_s, u"No reading yet"_s};
     }
-    const QString when = u"Fetched "_s + formatted(*fetched, u"d MMM, HH:mm"_s, locale, timeZone);
+    const QString when = u"Fetched "_s + clock.format(*fetched, u"d MMM, HH:mm");
     const qint64 minutes = fetched->msecsTo(now) / 60000;
     if (minutes < 1) {
         return {u"Updated just now"_s, when};
@@ -125,14 +120,6 @@ std::pair<QString, QString> age(const std::optional<QDateTime>& fetched, const Q
         return {u"Updated %1h ago"_s.arg(minutes / 60), when};
     }
     return {u"Updated %1d ago"_s.arg(minutes / 1440), when};
-}
-
-QString clockTime(QTime time) {
-    const int h = time.hour();
-    const int m = time.minute();
-    const char16_t text[5] = {char16_t(u'0' + h / 10), char16_t(u'0' + h % 10), u':',
-                              char16_t(u'0' + m / 10), char16_t(u'0' + m % 10)};
-    return QString(reinterpret_cast<const QChar*>(text), 5);
 }
 
 int roleRank(const QString& role) {
@@ -147,13 +134,16 @@ int roleRank(const QString& role) {
 SubscriptionSeatCardContent::SubscriptionSeatCardContent(
     const MeterlyPresentation::Seat& seat, const MeterlySnapshot::Seat* source,
     const QList<MeterlySnapshot::Seat>& allSeats, const QLocale& locale, const QTimeZone& timeZone)
-    : SubscriptionSeatCardContent(seat, source, TextCleaner(allSeats), locale, timeZone) {}
+    : SubscriptionSeatCardContent(
+          seat, source, TextCleaner(allSeats),
+          LocalClock(locale, timeZone,
+                     MeterlySnapshot::date(source ? source->renewsAt : std::nullopt)
+                         .value_or(QDateTime()))) {}
 
 SubscriptionSeatCardContent::SubscriptionSeatCardContent(const MeterlyPresentation::Seat& seat,
                                                          const MeterlySnapshot::Seat* source,
                                                          const TextCleaner& clean,
-                                                         const QLocale& locale,
-                                                         const QTimeZone& timeZone) {
+                                                         const LocalClock& clock) {
     name = clean.clean(source ? source->account : seat.shortName);
     header = name + u" · "_s + providerTitle(seat.provider);
     identity = clean.clean(source && source->email && !source->email->isEmpty() ? *source->email
@@ -179,7 +169,7 @@ SubscriptionSeatCardContent::SubscriptionSeatCardContent(const MeterlyPresentati
         clean.clean(source ? source->providerLabel : capitalised(rawValue(seat.provider)));
     if (const auto renews = MeterlySnapshot::date(source ? source->renewsAt : std::nullopt)) {
         // Unlike the menu's renewal text, a reported date keeps its time of day here.
-        renewal = u"Renews "_s + formatted(*renews, u"ddd d MMM, HH:mm"_s, locale, timeZone);
+        renewal = u"Renews "_s + clock.format(*renews, u"ddd d MMM, HH:mm");
         if (source->renewsSource == u"inferred"_s) {
             renewalSource = u"inferred from subscription start"_s;
         } else if (source->renewsSource == u"reported"_s) {
@@ -221,16 +211,28 @@ SubscriptionsDashboardContent::SubscriptionsDashboardContent(const MeterlySnapsh
                                                              const QDateTime& now,
                                                              const QLocale& locale,
                                                              const QTimeZone& timeZone)
-    : SubscriptionsDashboardContent(snapshot, MeterlyPresentation(snapshot, now, locale, timeZone),
-                                    now, locale, timeZone) {}
+    : SubscriptionsDashboardContent(snapshot, now, LocalClock(locale, timeZone, now)) {}
+
+SubscriptionsDashboardContent::SubscriptionsDashboardContent(const MeterlySnapshot& snapshot,
+                                                             const QDateTime& now,
+                                                             const LocalClock& clock)
+    : SubscriptionsDashboardContent(
+          snapshot, MeterlyPresentation(snapshot, now, clock, TextCleaner()), now, clock) {}
 
 SubscriptionsDashboardContent::SubscriptionsDashboardContent(
     const MeterlySnapshot& snapshot, const MeterlyPresentation& presentation, const QDateTime& now,
-    const QLocale& locale, const QTimeZone& timeZone) {
+    const QLocale& locale, const QTimeZone& timeZone)
+    : SubscriptionsDashboardContent(snapshot, presentation, now,
+                                    LocalClock(locale, timeZone, now)) {}
+
+SubscriptionsDashboardContent::SubscriptionsDashboardContent(
+    const MeterlySnapshot& snapshot, const MeterlyPresentation& presentation, const QDateTime& now,
+    const LocalClock& clock) {
+    const QLocale& locale = clock.locale();
+    const QTimeZone& timeZone = clock.timeZone();
     summary = presentation.summary;
     summaryTint = presentation.summaryTint;
-    std::tie(updated, fetched) =
-        age(MeterlySnapshot::date(snapshot.fetchedAt), now, locale, timeZone);
+    std::tie(updated, fetched) = age(MeterlySnapshot::date(snapshot.fetchedAt), now, clock);
 
     const QList<MeterlySnapshot::Seat>& seats = snapshot.seats;
     const TextCleaner plain;
@@ -252,7 +254,7 @@ SubscriptionsDashboardContent::SubscriptionsDashboardContent(
         const auto it = std::find_if(seats.begin(), seats.end(),
                                      [&](const auto& s) { return s.id == seat.id; });
         const MeterlySnapshot::Seat* source = it == seats.end() ? nullptr : &*it;
-        cards.append({seat, SubscriptionSeatCardContent(seat, source, human, locale, timeZone),
+        cards.append({seat, SubscriptionSeatCardContent(seat, source, human, clock),
                       source ? source->account : QString()});
     }
 
@@ -288,9 +290,6 @@ SubscriptionsDashboardContent::SubscriptionsDashboardContent(
 
     const QDateTime local = now.toTimeZone(timeZone);
     const QDateTime horizon = local.addDays(7);
-    // Hundreds of events: each is taken to the zone once, and "HH:mm" is
-    // written by hand where the locale's digits are the ASCII ones.
-    const bool asciiDigits = locale.zeroDigit() == u"0"_s;
     struct Placed {
         Event event;
         QDate day;
@@ -310,11 +309,10 @@ SubscriptionsDashboardContent::SubscriptionsDashboardContent(
                                  ? label
                                  : label + u" resets"_s;
         const QString seatName = clean.clean(find(entry.seat).second);
-        const QDateTime there = when->toTimeZone(timeZone);
-        const QString time =
-            asciiDigits ? clockTime(there.time()) : locale.toString(there.time(), u"HH:mm"_s);
         placed.append(
-            {{id, *when, time + u" · "_s + seatName + u" · "_s + word, isRenewal}, there.date()});
+            {{id, *when, clock.format(*when, u"HH:mm") + u" · "_s + seatName + u" · "_s + word,
+              isRenewal},
+             clock.date(*when)});
     }
     std::stable_sort(placed.begin(), placed.end(), [](const Placed& a, const Placed& b) {
         return a.event.date != b.event.date ? a.event.date < b.event.date : a.event.id < b.event.id;

@@ -50,7 +50,7 @@ private:
     friend struct SubscriptionsDashboardContent;
     SubscriptionSeatCardContent(const MeterlyPresentation::Seat& seat,
                                 const MeterlySnapshot::Seat* source, const TextCleaner& clean,
-                                const QLocale& locale, const QTimeZone& timeZone);
+                                const LocalClock& clock);
 };
 
 struct SubscriptionsDashboardContent {
@@ -111,6 +111,13 @@ struct SubscriptionsDashboardContent {
 
     // The spend pairs that name a seat, for the "Use now" buttons.
     QList<SpendPair> useNow() const;
+
+private:
+    SubscriptionsDashboardContent(const MeterlySnapshot& snapshot, const QDateTime& now,
+                                  const LocalClock& clock);
+    SubscriptionsDashboardContent(const MeterlySnapshot& snapshot,
+                                  const MeterlyPresentation& presentation, const QDateTime& now,
+                                  const LocalClock& clock);
 };
 
 } // namespace tessel

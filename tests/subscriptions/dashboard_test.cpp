@@ -123,3 +123,23 @@ TEST_F(DashboardTest, SpendOrderAttentionAndCards) {
     EXPECT_EQ(card.name, u"or"_s);
     EXPECT_EQ(card.renewalSource, u"not exposed by Openrouter"_s);
 }
+
+TEST_F(DashboardTest, TheHandWrittenClockWritesWhatQtWrites) {
+    // Around the start of summer time, inside the span the clock knows and far
+    // outside it, in locales with and without ASCII digits.
+    const QDateTime now = at("2024-03-30T20:00:00Z");
+    for (const auto& name : {"en_US", "de_DE", "fr_FR", "ar_EG"}) {
+        const QLocale locale(QString::fromLatin1(name));
+        const LocalClock clock(locale, testZone(), now);
+        for (const qint64 hours : {-30, 0, 5, 6, 7, 30, 200, 2000}) {
+            const QDateTime instant = now.addSecs(hours * 3600);
+            const QDateTime there = instant.toTimeZone(testZone());
+            for (const auto* pattern : {"ddd HH:mm", "d MMM", "ddd d MMM, HH:mm"}) {
+                EXPECT_EQ(clock.format(instant, QString::fromLatin1(pattern)),
+                          locale.toString(there, QString::fromLatin1(pattern)))
+                    << name << " " << hours << " " << pattern;
+            }
+            EXPECT_EQ(clock.date(instant), there.date());
+        }
+    }
+}
