@@ -2,6 +2,8 @@
 
 #include "app/AppVersion.h"
 #include "app/FeedUpdateEngine.h"
+#include "apps/AppLauncher.h"
+#include "apps/SessionHandoff.h"
 #include "audio/AudioCapture.h"
 #include "errors/ErrorLog.h"
 #include "identity/SecretServiceStore.h"
@@ -18,6 +20,7 @@
 #include <QDBusServiceWatcher>
 #include <QDesktopServices>
 #include <QDir>
+#include <QFile>
 #include <QMenu>
 #include <QMessageBox>
 #include <QPainter>
@@ -57,6 +60,57 @@ void tell(const QString& text) {
     auto* box = new QMessageBox(QMessageBox::Information, QStringLiteral("Velmora"), text);
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->open();
+}
+
+// A sibling application's archive, into `path`; the status of the answer.
+Task<int> download(HTTPClient http, QUrl url, QString path, CancellationToken token) {
+    HTTPRequest request;
+    request.url = url;
+    request.timeout = 120;
+    const HTTPResponse response = co_await http.send(std::move(request), std::move(token));
+    if (response.status / 100 == 2) {
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(response.body) != response.body.size()) {
+            throw TesselError(QStringLiteral("Could not save the download to ") + path + u'.');
+        }
+    }
+    co_return response.status;
+}
+
+// The sibling applications: the registry, launched on this desktop, with a
+// session handoff read from the keyring for the rows that take one.
+AppsModel::Options appOptions(const QString& defaultOrgHost,
+                              const std::shared_ptr<const SecureStore>& store,
+                              const HTTPClient& http) {
+    const auto environment = QProcessEnvironment::systemEnvironment();
+    const QString root = SessionHandoff::defaultRoot(
+        environment, HelperInstaller::dataDirectory(environment, QDir::homePath()));
+    auto writeHandoff = [store, root](const QString& host) {
+        return SessionHandoff::write(
+            host,
+            [store](const QString& orgHost) -> std::optional<QString> {
+                try {
+                    if (const auto session = SessionKeychain(store).load(orgHost)) {
+                        return session->token;
+                    }
+                } catch (const std::exception&) {
+                    // A refusing keyring means no handoff; the application still opens.
+                }
+                return std::nullopt;
+            },
+            root);
+    };
+    return {
+        .apps = AppRegistry::apps(defaultOrgHost, writeHandoff),
+        .launcher = AppLauncher::system(
+            environment, QDir::homePath(), [](QUrl url) { return QDesktopServices::openUrl(url); },
+            [http](QUrl url, QString path, CancellationToken token) {
+                return download(http, std::move(url), std::move(path), std::move(token));
+            }),
+        .org = std::nullopt,
+        .override = {},
+        .dismiss = {},
+    };
 }
 
 // The infrastructure model as the application model drives it.
@@ -109,12 +163,13 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
     });
 
     infra_ = std::make_shared<InfraModel>(InfraCLI::tool(), monotonicNow, sleepFor);
+    const auto secrets = std::make_shared<SecretServiceStore>();
     // The one place that starts services.
     model_ = std::make_unique<AppModel>(
         AppModel::Services{
             .endpoints = endpoints_,
             .defaults = std::make_shared<SettingsDefaults>(),
-            .secureStore = std::make_shared<SecretServiceStore>(),
+            .secureStore = secrets,
             .httpSession = session,
             .makeAudio = defaultAudioMaker(),
             .captureClock = {},
@@ -159,7 +214,12 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
             .quit = [this] { delegate_.requestQuit(); },
             .openURL = openInDesktop,
         },
-        PopoverView::Sources{.infra = infra_.get(), .notifications = notifications_.get()});
+        PopoverView::Sources{
+            .infra = infra_.get(),
+            .notifications = notifications_.get(),
+            .appOptions = [host = endpoints_.defaultOrgHost, secrets,
+                           http = HTTPClient(session)] { return appOptions(host, secrets, http); },
+        });
     controller_.statusItemToggle = [this] {
         if (!trayMode_) {
             return false;

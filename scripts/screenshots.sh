@@ -48,7 +48,7 @@ shoot() { # suffix, then environment assignments
   # Take notes without a member opens the sign-in window.
   local popover scale=${1#QT_SCALE_FACTOR=}
   popover=$(xdotool search --onlyvisible --name '^Velmora$' | head -1)
-  xdotool mousemove --window "$popover" $((60 * scale)) $((140 * scale)) click 1
+  xdotool mousemove --window "$popover" $((60 * scale)) $((262 * scale)) click 1
   grab "login$suffix" "Sign in to Velmora" || true
   kill "$app" 2>/dev/null || true
   wait "$app" 2>/dev/null || true

@@ -2,6 +2,7 @@
 
 #include "app/AppTranslocation.h"
 #include "app/AppVersion.h"
+#include "ui/AppsView.h"
 #include "ui/CaptureStatusView.h"
 #include "ui/ErrorNotice.h"
 #include "ui/IdleBlock.h"
@@ -23,7 +24,8 @@ namespace tessel::app {
 PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions actions,
                          Sources sources, QWidget* parent)
     : QWidget(parent), model_(&model), controller_(controller), actions_(std::move(actions)),
-      infra_(sources.infra), notifications_(sources.notifications) {
+      infra_(sources.infra), notifications_(sources.notifications),
+      appOptions_(std::move(sources.appOptions)) {
     setWindowTitle(QStringLiteral("Velmora"));
     setAccessibleName(QStringLiteral("Velmora"));
     setFixedWidth(340);
@@ -31,7 +33,10 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
     outer_->setContentsMargins(14, 14, 14, 14);
     outer_->setSpacing(12);
 
-    // The infrastructure block keeps itself up to date; it is built once.
+    // The apps and the infrastructure keep themselves up to date; they are
+    // built once, between the rows rebuilt from the application model.
+    appsView_ = new AppsView(this);
+    outer_->addWidget(appsView_);
     outer_->addWidget(divider(this));
     infraView_ =
         new InfraView(sources.infra,
@@ -66,6 +71,9 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
                 co_await owner->infra().refresh(false);
             }
         });
+        if (apps_) {
+            apps_->refreshStates();
+        }
     });
     rebuild();
 }
@@ -101,6 +109,9 @@ void PopoverView::showEvent(QShowEvent* event) {
         return;
     }
     model_->refreshOrgs();
+    if (apps_) {
+        apps_->refreshStates();
+    }
     QPointer<AppModel> model = model_;
     spawn([model]() -> Task<void> {
         if (model) {
@@ -149,14 +160,17 @@ void PopoverView::rebuild() {
         return;
     }
     AppModel& model = *model_;
+    delete head_;
+    head_ = toolbar();
+    outer_->insertWidget(0, head_);
+    updateApps();
     delete top_;
     top_ = new QWidget(this);
     auto* rows = new QVBoxLayout(top_);
     rows->setContentsMargins(0, 0, 0, 0);
     rows->setSpacing(12);
-    outer_->insertWidget(0, top_);
+    outer_->insertWidget(outer_->indexOf(appsView_) + 1, top_);
 
-    addToolbar(rows);
     addInbox(rows);
     if (AppTranslocation::isTranslocated(QCoreApplication::applicationFilePath())) {
         rows->addWidget(textLine(QStringLiteral("Move VelmoraTessel to Applications so macOS "
@@ -187,7 +201,39 @@ void PopoverView::rebuild() {
                                                 : outer_->totalSizeHint().height());
 }
 
-void PopoverView::addToolbar(QVBoxLayout* rows) {
+// The apps of the organisation shown: made again when it changes.
+void PopoverView::updateApps() {
+    if (!appOptions_) {
+        return;
+    }
+    Org org;
+    try {
+        org = Org::fromHost(model_->org());
+    } catch (const std::exception&) {
+        org = model_->orgStore().current();
+    }
+    if (apps_ && org.host == appsHost_) {
+        return;
+    }
+    AppsModel::Options options = appOptions_();
+    options.org = LaunchOrg{org.host, org.url};
+    QPointer<AppModel> owner = model_;
+    options.override = [owner](const VelmoraApp& app) {
+        if (app.id == QStringLiteral("meet") && owner && owner->member()) {
+            owner->openLobby();
+            return true;
+        }
+        return false;
+    };
+    options.dismiss = [this] { controller_.dismiss(); };
+    appsView_->setModel(nullptr);
+    apps_ = std::make_unique<AppsModel>(std::move(options));
+    appsHost_ = org.host;
+    apps_->refreshStates();
+    appsView_->setModel(apps_.get());
+}
+
+QWidget* PopoverView::toolbar() {
     QPointer<AppModel> owner = model_;
     ToolbarActions actions{
         .openWorkspace = [this](const QString& id) { openWorkspace(id); },
@@ -221,7 +267,7 @@ void PopoverView::addToolbar(QVBoxLayout* rows) {
                 });
             },
     };
-    rows->addWidget(new Toolbar(ToolbarState::of(*model_), std::move(actions), top_));
+    return new Toolbar(ToolbarState::of(*model_), std::move(actions), this);
 }
 
 void PopoverView::addInbox(QVBoxLayout* rows) {

@@ -7,6 +7,7 @@
 
 #include "PopoverController.h"
 #include "app/AppModel.h"
+#include "apps/AppsModel.h"
 #include "infra/InfraModel.h"
 #include "notify/NotifyFeedModel.h"
 
@@ -14,17 +15,22 @@
 #include <QWidget>
 
 #include <functional>
+#include <memory>
 
 class QVBoxLayout;
 
 namespace tessel::app {
 
+class AppsView;
 class InfraView;
 
 // The models shown beside the application model; either may be absent.
 struct PopoverSources {
     InfraModel* infra = nullptr;
     NotifyFeedModel* notifications = nullptr;
+    // The sibling applications and their launcher; the popover adds the
+    // organisation, the Meet row's lobby and its own dismissal.
+    std::function<AppsModel::Options()> appOptions;
 };
 
 class PopoverView : public QWidget {
@@ -54,7 +60,8 @@ protected:
 private:
     void scheduleRebuild();
     void refreshEverything();
-    void addToolbar(QVBoxLayout* rows);
+    void updateApps();
+    QWidget* toolbar();
     void addInbox(QVBoxLayout* rows);
     void addCommands(QVBoxLayout* rows);
     QWidget* footer();
@@ -64,6 +71,11 @@ private:
     Actions actions_;
     QPointer<InfraModel> infra_;
     QPointer<NotifyFeedModel> notifications_;
+    std::function<AppsModel::Options()> appOptions_;
+    std::unique_ptr<AppsModel> apps_;
+    QString appsHost_;
+    QWidget* head_ = nullptr;
+    AppsView* appsView_ = nullptr;
     QWidget* top_ = nullptr;
     InfraView* infraView_ = nullptr;
     QWidget* footer_ = nullptr;

@@ -28,6 +28,12 @@ const QHash<QString, QStringList>& table() {
         {QStringLiteral("waveform.and.mic"),
          {QStringLiteral("audio-input-microphone"), QStringLiteral("microphone-sensitivity-high")}},
         {QStringLiteral("creditcard"), {QStringLiteral("view-statistics")}},
+        {QStringLiteral("arrow.up.forward.app"), {QStringLiteral("window-new")}},
+        {QStringLiteral("safari"),
+         {QStringLiteral("web-browser"), QStringLiteral("internet-web-browser")}},
+        {QStringLiteral("macwindow"), {QStringLiteral("preferences-desktop")}},
+        {QStringLiteral("radio"), {QStringLiteral("audio-x-generic")}},
+        {QStringLiteral("video"), {QStringLiteral("camera-web"), QStringLiteral("camera-video")}},
         {QStringLiteral("circle"), {}},
     };
     return symbols;
