@@ -203,9 +203,13 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
 
     buildNotifications(session);
 
+    // The subscription watch reads at once and on its timer from the end of
+    // launching on, whether or not its window is ever opened.
+    delegate_.launchJobs.push_back([this] { subscriptions(); });
+
     // Later models: subscriptions and the conductor set-up come in as
     // addWindow("subscriptions", ...) and addWindow("conductor-setup", ...)
-    // with their windows; the subscriptions model is built on first use.
+    // with their windows.
 
     popover_ = std::make_unique<PopoverView>(
         *model_, controller_,
@@ -292,6 +296,38 @@ void TesselApp::buildNotifications(const std::shared_ptr<HTTPSession>& session) 
             return NotifyFeedModel::runPollLoop(feed, sleepFor, std::move(token));
         });
     });
+}
+
+// The tools are looked for once: `meterly` for readings and alerts, the
+// accounts tool for switches and as the reading when `meterly` is missing.
+SubscriptionsModel& TesselApp::subscriptions() {
+    if (subscriptions_) {
+        return *subscriptions_;
+    }
+    const auto environment = QProcessEnvironment::systemEnvironment();
+    const QString home = QDir::homePath();
+    std::shared_ptr<MeterlyClient> client;
+    if (const auto binary = MeterlyCLI::resolveBinary(environment, home)) {
+        client = MeterlyClient::create(MeterlyCLI::runner(*binary), 60);
+    }
+    std::shared_ptr<VantorAccountsClient> accountsClient;
+    if (const auto binary = VantorAccountsCLI::resolveBinary(environment, home)) {
+        accountsClient = VantorAccountsClient::create(VantorAccountsCLI::runner(*binary), 60);
+    }
+    accounts_ = std::make_unique<AccountsModel>(accountsClient);
+    subscriptions_ = std::make_unique<SubscriptionsModel>(SubscriptionsModel::Parts{
+        .client = client,
+        .accounts = accounts_.get(),
+        .alertsStore = MeterlyAlertsStore::create(MeterlyAlertsStore::defaultPath(home)),
+        .snapshotStore = MeterlySnapshotStore(HelperInstaller::dataDirectory(environment, home)),
+        .notInstalled = VantorAccountsCLI::notInstalled(environment, home),
+        .startingServices = true,
+        .desktop = desktopNotifications_.get(),
+        .notifier = std::nullopt,
+        .now = [] { return QDateTime::currentDateTimeUtc(); },
+        .sleep = sleepFor,
+    });
+    return *subscriptions_;
 }
 
 TesselApp::~TesselApp() {

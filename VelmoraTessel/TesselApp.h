@@ -6,7 +6,8 @@
 // factory by id (addWindow), a job that starts once launching ends
 // (delegate().launchJobs), and the model's functions a feed or a dashboard
 // needs (model().tokenProvider(), org(), member(), http()). The notification
-// feed is wired that way in buildNotifications().
+// feed is wired that way in buildNotifications(), the subscription watch in
+// subscriptions().
 #pragma once
 
 #include "ApplicationDelegate.h"
@@ -17,6 +18,8 @@
 #include "infra/InfraModel.h"
 #include "notify/DesktopNotifications.h"
 #include "notify/NotifyFeedModel.h"
+#include "subscriptions/AccountsModel.h"
+#include "subscriptions/SubscriptionsModel.h"
 #include "tools/HelperInstaller.h"
 #include "tools/HelpersModel.h"
 
@@ -51,6 +54,8 @@ public:
     AppModel& model() { return *model_; }
     InfraModel& infra() { return *infra_; }
     NotifyFeedModel& notifications() { return *notifications_; }
+    // The subscription watch, built at its first use; launching ends with one.
+    SubscriptionsModel& subscriptions();
     TesselApplicationDelegate& delegate() { return delegate_; }
     PopoverController& popoverController() { return controller_; }
 
@@ -76,6 +81,8 @@ private:
     std::unique_ptr<DesktopNotifications> desktopNotifications_;
     std::unique_ptr<NotifyFeedModel> notifications_;
     std::shared_ptr<BackgroundTask> notificationTask_;
+    std::unique_ptr<AccountsModel> accounts_;
+    std::unique_ptr<SubscriptionsModel> subscriptions_;
     std::unique_ptr<HelperInstaller> helperInstaller_;
     std::unique_ptr<HelpersModel> helpers_;
     PopoverController controller_;

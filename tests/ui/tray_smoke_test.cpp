@@ -2,6 +2,8 @@
 // stand-in StatusNotifierWatcher: its item registers, Activate over D-Bus
 // opens the popover, Escape closes it through the first dismissal tier, and
 // a second launch raises the running one and ends with status 0.
+#include "support/FakeTool.h"
+
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -149,4 +151,32 @@ TEST_F(TraySmoke, ItemRegistersActivateOpensThePopoverEscapeClosesIt) {
                             QProcess::StandardError))
             << log.constData();
     }
+}
+
+// The subscription watch starts with the application: `meterly` (the stand-in,
+// found through METERLY_BIN) runs once launching ends, and its usable reading
+// is kept for the next start.
+TEST_F(TraySmoke, TheSubscriptionWatchReadsOnceLaunchingEnds) {
+    const tessel::test::FakeTool tool;
+    tool.answer(nlohmann::json::array(
+        {{{"args", {"status", "--json"}}, {"steps", nlohmann::json::array({{{"stdout", R"({
+        "fetched_at": "2024-05-06T10:00:00Z", "alerts": [], "next": {}, "timeline": [],
+        "seats": [{"id": "claude:work", "provider": "claude", "provider_label": "Claude",
+                   "account": "work", "live": true, "note": "",
+                   "advice": {"verb": "ok", "reason": ""},
+                   "windows": [{"kind": "session", "label": "5h", "used_pct": 4}]}]})"}}})}}}));
+    QProcessEnvironment withTool = env;
+    const QProcessEnvironment toolEnvironment = tool.environment();
+    for (const char* name : {"VELMORA_FAKETOOL_SCENARIO", "VELMORA_FAKETOOL_LOG"}) {
+        withTool.insert(name, toolEnvironment.value(name));
+    }
+    withTool.insert("METERLY_BIN", tool.install("meterly"));
+    app.setProcessEnvironment(withTool);
+    app.start(TESSEL_APP_PATH, {});
+    const QString saved = home.filePath("data/Velmora/last-subs.json");
+    ASSERT_TRUE(eventually([&] { return QFile::exists(saved); }, 20000));
+    const auto runs = tool.runs();
+    ASSERT_EQ(runs.size(), 1u);
+    EXPECT_EQ(runs[0]["tool"], "meterly");
+    EXPECT_EQ(runs[0]["args"], nlohmann::json::array({"status", "--json"}));
 }
