@@ -7,6 +7,7 @@
 #include "ui/ErrorNotice.h"
 #include "ui/IdleBlock.h"
 #include "ui/InfraView.h"
+#include "ui/SubscriptionsSummaryRow.h"
 #include "ui/Symbols.h"
 #include "ui/Toolbar.h"
 #include "ui/Widgets.h"
@@ -16,6 +17,7 @@
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QLocale>
 #include <QTimer>
 #include <QWindow>
 
@@ -25,7 +27,7 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
                          Sources sources, QWidget* parent)
     : QWidget(parent), model_(&model), controller_(controller), actions_(std::move(actions)),
       infra_(sources.infra), notifications_(sources.notifications),
-      appOptions_(std::move(sources.appOptions)) {
+      subscriptions_(sources.subscriptions), appOptions_(std::move(sources.appOptions)) {
     setWindowTitle(QStringLiteral("Velmora"));
     setAccessibleName(QStringLiteral("Velmora"));
     setFixedWidth(340);
@@ -48,6 +50,12 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
                       this);
     outer_->addWidget(infraView_);
     outer_->addWidget(divider(this));
+    if (subscriptions_) {
+        outer_->addWidget(new SubscriptionsSummaryRow(
+            *subscriptions_, [this] { openWorkspace(QStringLiteral("subscriptions")); }, this));
+        outer_->addWidget(divider(this));
+        connect(subscriptions_, &SubscriptionsModel::changed, this, &PopoverView::scheduleRebuild);
+    }
 
     connect(&model, &AppModel::changed, this, &PopoverView::scheduleRebuild);
     connect(&model.updates(), &UpdateController::changed, this, &PopoverView::scheduleRebuild);
@@ -74,6 +82,7 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
         if (apps_) {
             apps_->refreshStates();
         }
+        refreshSubscriptions(false);
     });
     rebuild();
 }
@@ -112,6 +121,7 @@ void PopoverView::showEvent(QShowEvent* event) {
     if (apps_) {
         apps_->refreshStates();
     }
+    refreshSubscriptions(false);
     QPointer<AppModel> model = model_;
     spawn([model]() -> Task<void> {
         if (model) {
@@ -145,6 +155,7 @@ void PopoverView::refreshEverything() {
             co_await owner->refreshOpenCalls();
         }
     });
+    refreshSubscriptions(true);
     spawn([owner]() -> Task<void> {
         if (owner) {
             co_await owner->infra().refresh(true);
@@ -153,6 +164,15 @@ void PopoverView::refreshEverything() {
     if (owner) {
         owner->refreshOrgs();
     }
+}
+
+void PopoverView::refreshSubscriptions(bool fresh) {
+    QPointer<SubscriptionsModel> subscriptions = subscriptions_;
+    spawn([subscriptions, fresh]() -> Task<void> {
+        if (subscriptions) {
+            co_await subscriptions->refresh(fresh);
+        }
+    });
 }
 
 void PopoverView::rebuild() {
@@ -366,6 +386,14 @@ QWidget* PopoverView::footer() {
     check->setEnabled(model.updates().canCheckForUpdates());
     row->addWidget(check);
     row->addStretch();
+    if (subscriptions_) {
+        if (const auto fetched = subscriptions_->lastFetch()) {
+            auto* time = textLine(
+                QLocale().toString(fetched->toLocalTime().time(), QLocale::ShortFormat), box, true);
+            time->setToolTip(QStringLiteral("Last subscription fetch"));
+            row->addWidget(time);
+        }
+    }
     return box;
 }
 

@@ -10,6 +10,7 @@
 #include "apps/AppsModel.h"
 #include "infra/InfraModel.h"
 #include "notify/NotifyFeedModel.h"
+#include "subscriptions/SubscriptionsModel.h"
 
 #include <QPointer>
 #include <QWidget>
@@ -28,6 +29,7 @@ class InfraView;
 struct PopoverSources {
     InfraModel* infra = nullptr;
     NotifyFeedModel* notifications = nullptr;
+    SubscriptionsModel* subscriptions = nullptr;
     // The sibling applications and their launcher; the popover adds the
     // organisation, the Meet row's lobby and its own dismissal.
     std::function<AppsModel::Options()> appOptions;
@@ -60,6 +62,7 @@ protected:
 private:
     void scheduleRebuild();
     void refreshEverything();
+    void refreshSubscriptions(bool fresh);
     void updateApps();
     QWidget* toolbar();
     void addInbox(QVBoxLayout* rows);
@@ -71,6 +74,7 @@ private:
     Actions actions_;
     QPointer<InfraModel> infra_;
     QPointer<NotifyFeedModel> notifications_;
+    QPointer<SubscriptionsModel> subscriptions_;
     std::function<AppsModel::Options()> appOptions_;
     std::unique_ptr<AppsModel> apps_;
     QString appsHost_;
