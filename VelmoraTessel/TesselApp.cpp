@@ -205,7 +205,7 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
 
     // The subscription watch reads at once and on its timer from the end of
     // launching on, whether or not its window is ever opened.
-    delegate_.launchJobs.push_back([this] { subscriptions(); });
+    delegate_.launchJobs.push_back([this] { popover_->setSubscriptions(&subscriptions()); });
 
     // Later models: subscriptions and the conductor set-up come in as
     // addWindow("subscriptions", ...) and addWindow("conductor-setup", ...)

@@ -27,7 +27,7 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
                          Sources sources, QWidget* parent)
     : QWidget(parent), model_(&model), controller_(controller), actions_(std::move(actions)),
       infra_(sources.infra), notifications_(sources.notifications),
-      subscriptions_(sources.subscriptions), appOptions_(std::move(sources.appOptions)) {
+      appOptions_(std::move(sources.appOptions)) {
     setWindowTitle(QStringLiteral("Velmora"));
     setAccessibleName(QStringLiteral("Velmora"));
     setFixedWidth(340);
@@ -50,12 +50,6 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
                       this);
     outer_->addWidget(infraView_);
     outer_->addWidget(divider(this));
-    if (subscriptions_) {
-        outer_->addWidget(new SubscriptionsSummaryRow(
-            *subscriptions_, [this] { openWorkspace(QStringLiteral("subscriptions")); }, this));
-        outer_->addWidget(divider(this));
-        connect(subscriptions_, &SubscriptionsModel::changed, this, &PopoverView::scheduleRebuild);
-    }
 
     connect(&model, &AppModel::changed, this, &PopoverView::scheduleRebuild);
     connect(&model.updates(), &UpdateController::changed, this, &PopoverView::scheduleRebuild);
@@ -85,6 +79,21 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
         refreshSubscriptions(false);
     });
     rebuild();
+}
+
+void PopoverView::setSubscriptions(SubscriptionsModel* subscriptions) {
+    if (subscriptions_ || !subscriptions) {
+        return;
+    }
+    subscriptions_ = subscriptions;
+    // Below the infrastructure, with a divider of its own.
+    const int at = outer_->indexOf(infraView_) + 2;
+    outer_->insertWidget(
+        at, new SubscriptionsSummaryRow(
+                *subscriptions, [this] { openWorkspace(QStringLiteral("subscriptions")); }, this));
+    outer_->insertWidget(at + 1, divider(this));
+    connect(subscriptions, &SubscriptionsModel::changed, this, &PopoverView::scheduleRebuild);
+    scheduleRebuild();
 }
 
 void PopoverView::perform(PopoverAction kind, const std::function<void()>& action) {

@@ -29,7 +29,6 @@ class InfraView;
 struct PopoverSources {
     InfraModel* infra = nullptr;
     NotifyFeedModel* notifications = nullptr;
-    SubscriptionsModel* subscriptions = nullptr;
     // The sibling applications and their launcher; the popover adds the
     // organisation, the Meet row's lobby and its own dismissal.
     std::function<AppsModel::Options()> appOptions;
@@ -53,6 +52,8 @@ public:
     void perform(PopoverAction kind, const std::function<void()>& action);
     // Opens a window by id; "add-organisation" and "login" set the address first.
     void openWorkspace(const QString& id);
+    // The subscription watch, once it is built: adds its row.
+    void setSubscriptions(SubscriptionsModel* subscriptions);
     // Builds now what a change asked for (the tests look without a loop turn).
     void rebuild();
 
