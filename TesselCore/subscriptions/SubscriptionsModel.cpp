@@ -74,6 +74,16 @@ SubscriptionsModel::SubscriptionsModel(Parts parts, QObject* parent)
     }
 }
 
+// The captions' timers would find the model gone and do nothing; ended here,
+// they end now rather than when their time comes.
+SubscriptionsModel::~SubscriptionsModel() {
+    for (const auto& task : {captionTask_, fadeTask_}) {
+        if (task) {
+            task->cancel();
+        }
+    }
+}
+
 std::shared_ptr<BackgroundTask> SubscriptionsModel::after(double seconds,
                                                           std::function<void()> then) {
     QPointer<QObject> owner(this);

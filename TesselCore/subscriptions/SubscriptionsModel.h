@@ -54,6 +54,7 @@ public:
     };
 
     explicit SubscriptionsModel(Parts parts, QObject* parent = nullptr);
+    ~SubscriptionsModel() override;
 
     // `fresh`: a person asked. Within a minute of the last attempt no tool
     // runs; a person then sees how old the reading is.

@@ -47,6 +47,12 @@ struct SubscriptionsModelTest : ::testing::Test {
         }
     }
 
+    // The model's timers end on the virtual clock, which must outlive them.
+    void TearDown() override {
+        model.reset();
+        FakeClock::settle();
+    }
+
     // Whole milliseconds: the virtual clock's sums of steps land a hair either side.
     double now() const { return std::round(clock.now * 1000) / 1000; }
     QString alertsFile() const { return dir.filePath(u"alerts-last"_s); }
