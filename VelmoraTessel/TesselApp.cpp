@@ -12,8 +12,10 @@
 #include "notify/NotifyAPI.h"
 #include "notify/NotifyFeedStore.h"
 #include "ui/CallWindow.h"
+#include "ui/DesktopSettings.h"
 #include "ui/LoginWindow.h"
 #include "ui/PopoverView.h"
+#include "ui/SubscriptionsWindow.h"
 
 #include <QApplication>
 #include <QCursor>
@@ -237,6 +239,17 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
         return new CallWindow(*model_, [this](const QString& id) { openWindow(id); });
     });
     addWindow(QStringLiteral("login"), [this] { return new LoginWindow(*model_, openInDesktop); });
+    addWindow(SubscriptionsWindow::id, [this] {
+        const auto environment = QProcessEnvironment::systemEnvironment();
+        std::function<void()> settings;
+        if (const auto command = notificationSettings(environment, findOnPath)) {
+            settings = [command = *command] { launch(command); };
+        }
+        return new SubscriptionsWindow(
+            subscriptions(), *settings_,
+            {openInDesktop, settings,
+             VantorAccountsCLI::notInstalled(environment, QDir::homePath())});
+    });
 }
 
 // The notification feed: its API maker, session and notifier read the

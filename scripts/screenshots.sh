@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Pictures of the tray application against the local server, on a private
 # display, bus and keyring: the popover signed out, and the
-# "login" window, at scale 1 and 2. Writes
+# "login" and "subscriptions" windows, at scale 1 and 2. Writes
 # PNGs into the folder given (default: screenshots/).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -50,6 +50,9 @@ shoot() { # suffix, then environment assignments
   popover=$(xdotool search --onlyvisible --name '^Velmora$' | head -1)
   xdotool mousemove --window "$popover" $((60 * scale)) $((262 * scale)) click 1
   grab "login$suffix" "Sign in to Velmora" || true
+  # The Subscriptions row opens its window.
+  xdotool mousemove --window "$popover" $((100 * scale)) $((422 * scale)) click 1
+  grab "subscriptions$suffix" "Subscriptions" || true
   kill "$app" 2>/dev/null || true
   wait "$app" 2>/dev/null || true
 }

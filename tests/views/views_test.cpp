@@ -6,6 +6,8 @@
 #include "ui/CallWindow.h"
 #include "ui/CaptureStatusView.h"
 #include "ui/LoginWindow.h"
+#include "ui/SubscriptionCard.h"
+#include "ui/SubscriptionsSummaryRow.h"
 #include "ui/Toolbar.h"
 
 #include "support/DevServer.h"
@@ -145,6 +147,21 @@ TEST(ViewsTest, OnlyAStopOutsideThePopoverOpensTheBrowser) {
         QWidget* box = captureStatusView(listening, inPopover, actions, &parent);
         buttonWithHelp(box, "Stop & write notes")->click();
         EXPECT_EQ(stops, std::vector<bool>{!inPopover});
+    }
+}
+
+TEST(ViewsTest, CardColumnsAndBarColours) {
+    EXPECT_EQ(cardColumns(523.27), 1);
+    EXPECT_EQ(cardColumns(523.28), 2);
+    const QPalette palette;
+    const std::vector<std::pair<std::optional<double>, QColor>> bars{
+        {std::nullopt, palette.color(QPalette::PlaceholderText)},
+        {69.9, palette.color(QPalette::Highlight)},
+        {70, tintColor(MeterlyTint::orange, palette)},
+        {89.9, tintColor(MeterlyTint::orange, palette)},
+        {90, tintColor(MeterlyTint::red, palette)}};
+    for (const auto& [percent, colour] : bars) {
+        EXPECT_EQ(barColor(percent, palette), colour) << percent.value_or(-1);
     }
 }
 
