@@ -117,7 +117,9 @@ protected:
     }
 
     std::string statusOf(const QString& meeting) {
-        for (const auto& entry : server.state()["meetings"]) {
+        // Held by name: a loop over a part of a temporary reads freed memory.
+        const auto state = server.state();
+        for (const auto& entry : state["meetings"]) {
             if (entry["id"] == meeting.toStdString()) {
                 return entry["status"];
             }
