@@ -23,7 +23,11 @@ export VELMORA_TESSEL_ENDPOINTS="$work/endpoints.json"
 unset DISPLAY WAYLAND_DISPLAY
 private_bus
 private_keyring
-private_display
+# A display large enough for the popover at scale 2.
+Xvfb -displayfd 3 -screen 0 2560x1600x24 -nolisten tcp 3>"$work/display" &
+pids+=($!)
+for _ in $(seq 50); do [ -s "$work/display" ] && break; sleep 0.1; done
+export DISPLAY=":$(head -1 "$work/display")"
 export QT_QPA_PLATFORM=xcb
 
 grab() { # name window-title

@@ -6,13 +6,13 @@
 #include "ui/CaptureStatusView.h"
 #include "ui/ErrorNotice.h"
 #include "ui/IdleBlock.h"
+#include "ui/InboxBlock.h"
 #include "ui/InfraView.h"
 #include "ui/SubscriptionsSummaryRow.h"
 #include "ui/Symbols.h"
 #include "ui/Toolbar.h"
 #include "ui/Widgets.h"
 
-#include <QCheckBox>
 #include <QCoreApplication>
 #include <QGuiApplication>
 #include <QHBoxLayout>
@@ -200,7 +200,19 @@ void PopoverView::rebuild() {
     rows->setSpacing(12);
     outer_->insertWidget(outer_->indexOf(appsView_) + 1, top_);
 
-    addInbox(rows);
+    if (notifications_) {
+        QPointer<AppModel> owner = model_;
+        rows->addWidget(inboxBlock(
+            *model_, *notifications_,
+            [this, owner] {
+                perform(PopoverAction::opensWindow, [this, owner] {
+                    if (owner) {
+                        actions_.openURL(QUrl(owner->inboxURL()));
+                    }
+                });
+            },
+            top_));
+    }
     if (AppTranslocation::isTranslocated(QCoreApplication::applicationFilePath())) {
         rows->addWidget(textLine(QStringLiteral("Move VelmoraTessel to Applications so macOS "
                                                 "remembers your permissions."),
@@ -297,46 +309,6 @@ QWidget* PopoverView::toolbar() {
             },
     };
     return new Toolbar(ToolbarState::of(*model_), std::move(actions), this);
-}
-
-void PopoverView::addInbox(QVBoxLayout* rows) {
-    if (!notifications_) {
-        return;
-    }
-    AppModel& model = *model_;
-    NotifyFeedModel& feed = *notifications_;
-    auto* column = new QVBoxLayout;
-    column->setSpacing(6);
-    QString label = QStringLiteral("Inbox");
-    if (model.member() && feed.unread() >= 1) {
-        label += QStringLiteral(" · %1 unread").arg(feed.unread());
-    }
-    QPointer<AppModel> owner = model_;
-    column->addWidget(iconButton(QStringLiteral("tray"), QStringLiteral("Open inbox in browser"),
-                                 label, top_,
-                                 [this, owner] {
-                                     perform(PopoverAction::opensWindow, [this, owner] {
-                                         if (owner) {
-                                             actions_.openURL(QUrl(owner->inboxURL()));
-                                         }
-                                     });
-                                 }),
-                      0, Qt::AlignLeft);
-    auto* desktop = new QCheckBox(QStringLiteral("Desktop notifications"), top_);
-    desktop->setChecked(feed.desktopNotifications());
-    QPointer<NotifyFeedModel> feedOwner = notifications_;
-    connect(desktop, &QCheckBox::toggled, top_, [feedOwner](bool on) {
-        if (feedOwner) {
-            feedOwner->setDesktopNotifications(on);
-        }
-    });
-    column->addWidget(desktop);
-    if (model.member() && feed.desktopNotifications()) {
-        if (const auto line = feed.humanLine() ? feed.humanLine() : feed.deliveryLine()) {
-            column->addWidget(textLine(*line, top_, true));
-        }
-    }
-    rows->addLayout(column);
 }
 
 void PopoverView::addCommands(QVBoxLayout* rows) {

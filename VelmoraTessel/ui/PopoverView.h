@@ -66,7 +66,6 @@ private:
     void refreshSubscriptions(bool fresh);
     void updateApps();
     QWidget* toolbar();
-    void addInbox(QVBoxLayout* rows);
     void addCommands(QVBoxLayout* rows);
     QWidget* footer();
 
