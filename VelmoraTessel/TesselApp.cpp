@@ -1,9 +1,9 @@
 #include "TesselApp.h"
 
+#include "SiblingApps.h"
+
 #include "app/AppVersion.h"
 #include "app/FeedUpdateEngine.h"
-#include "apps/AppLauncher.h"
-#include "apps/SessionHandoff.h"
 #include "audio/AudioCapture.h"
 #include "errors/ErrorLog.h"
 #include "identity/SecretServiceStore.h"
@@ -12,6 +12,7 @@
 #include "notify/NotifyAPI.h"
 #include "notify/NotifyFeedStore.h"
 #include "ui/CallWindow.h"
+#include "ui/ConductorSetupWindow.h"
 #include "ui/DesktopSettings.h"
 #include "ui/LoginWindow.h"
 #include "ui/PopoverView.h"
@@ -62,57 +63,6 @@ void tell(const QString& text) {
     auto* box = new QMessageBox(QMessageBox::Information, QStringLiteral("Velmora"), text);
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->open();
-}
-
-// A sibling application's archive, into `path`; the status of the answer.
-Task<int> download(HTTPClient http, QUrl url, QString path, CancellationToken token) {
-    HTTPRequest request;
-    request.url = url;
-    request.timeout = 120;
-    const HTTPResponse response = co_await http.send(std::move(request), std::move(token));
-    if (response.status / 100 == 2) {
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly) || file.write(response.body) != response.body.size()) {
-            throw TesselError(QStringLiteral("Could not save the download to ") + path + u'.');
-        }
-    }
-    co_return response.status;
-}
-
-// The sibling applications: the registry, launched on this desktop, with a
-// session handoff read from the keyring for the rows that take one.
-AppsModel::Options appOptions(const QString& defaultOrgHost,
-                              const std::shared_ptr<const SecureStore>& store,
-                              const HTTPClient& http) {
-    const auto environment = QProcessEnvironment::systemEnvironment();
-    const QString root = SessionHandoff::defaultRoot(
-        environment, HelperInstaller::dataDirectory(environment, QDir::homePath()));
-    auto writeHandoff = [store, root](const QString& host) {
-        return SessionHandoff::write(
-            host,
-            [store](const QString& orgHost) -> std::optional<QString> {
-                try {
-                    if (const auto session = SessionKeychain(store).load(orgHost)) {
-                        return session->token;
-                    }
-                } catch (const std::exception&) {
-                    // A refusing keyring means no handoff; the application still opens.
-                }
-                return std::nullopt;
-            },
-            root);
-    };
-    return {
-        .apps = AppRegistry::apps(defaultOrgHost, writeHandoff),
-        .launcher = AppLauncher::system(
-            environment, QDir::homePath(), [](QUrl url) { return QDesktopServices::openUrl(url); },
-            [http](QUrl url, QString path, CancellationToken token) {
-                return download(http, std::move(url), std::move(path), std::move(token));
-            }),
-        .org = std::nullopt,
-        .override = {},
-        .dismiss = {},
-    };
 }
 
 // The infrastructure model as the application model drives it.
@@ -239,6 +189,49 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
         return new CallWindow(*model_, [this](const QString& id) { openWindow(id); });
     });
     addWindow(QStringLiteral("login"), [this] { return new LoginWindow(*model_, openInDesktop); });
+    addWindow(ConductorSetupWindow::id, [this] {
+        using Organisation = ConductorSetupWindow::Organisation;
+        const auto environment = QProcessEnvironment::systemEnvironment();
+        auto setup = std::make_unique<ConductorSetupModel>(
+            InfraCLI::tool(),
+            ConductorSetupModel::defaultTempRoot(
+                environment, HelperInstaller::dataDirectory(environment, QDir::homePath())));
+        QPointer<AppModel> model = model_.get();
+        return new ConductorSetupWindow(
+            infra_.get(), std::move(setup),
+            {
+                .orgs =
+                    [model] {
+                        QList<Organisation> orgs;
+                        if (model) {
+                            for (const Org& org : model->knownOrgs()) {
+                                orgs.push_back({org.host, org.name, org.url});
+                            }
+                        }
+                        return orgs;
+                    },
+                .selected = [model]() -> std::optional<Organisation> {
+                    if (!model) {
+                        return std::nullopt;
+                    }
+                    Org chosen = model->orgStore().current();
+                    try {
+                        chosen = Org::fromHost(model->org());
+                    } catch (const std::exception&) {
+                        // No organisation of its own: the store's current one.
+                    }
+                    return Organisation{chosen.host, chosen.name, chosen.url};
+                },
+                .refreshOrgs =
+                    [model] {
+                        if (model) {
+                            model->refreshOrgs();
+                        }
+                    },
+                .openURL = openInDesktop,
+                .runbookURL = endpoints_.conductorRunbookURL,
+            });
+    });
     addWindow(SubscriptionsWindow::id, [this] {
         const auto environment = QProcessEnvironment::systemEnvironment();
         std::function<void()> settings;
