@@ -36,9 +36,21 @@ private:
 };
 
 // A transport failure: time-out, refused connection, TLS, a dropped connection.
-// `code` is the QNetworkReply::NetworkError value.
+// `code` is one of the kinds below; the numbers stay those that technical lines
+// and logs have always shown for them.
 class URLError : public Failure {
 public:
+    enum Code {
+        connectionRefused = 1,
+        connectionClosed = 2, // closed or reset before a whole answer arrived
+        hostNotFound = 3,
+        timedOut = 4,
+        tlsFailed = 6,
+        unknownNetwork = 99,
+        proxyFailed = 199,
+        protocolFailure = 399,
+    };
+
     URLError(int code, QString text) : code_(code), text_(std::move(text)) {}
     QString description() const override { return text_; }
     QString typeName() const override { return QStringLiteral("tessel::URLError"); }

@@ -3,8 +3,6 @@
 #include "net/HTTPFailure.h"
 #include "net/JSON.h"
 
-#include <QNetworkReply>
-
 #include <cmath>
 
 using namespace Qt::StringLiterals;
@@ -41,7 +39,7 @@ void checkVerificationURL(const QString& text, const QUrl& authURL) {
 }
 
 bool timedOut(const URLError& error) {
-    return error.errorCode() == QNetworkReply::TimeoutError;
+    return error.errorCode() == URLError::timedOut;
 }
 
 } // namespace

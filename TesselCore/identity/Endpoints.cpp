@@ -6,9 +6,10 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSslCertificate>
 
 #include <nlohmann/json.hpp>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 
 #include <array>
 
@@ -17,6 +18,16 @@ using namespace Qt::StringLiterals;
 namespace tessel {
 
 namespace {
+
+// True when `pem` begins a readable X.509 certificate in PEM form.
+bool holdsCertificate(const QByteArray& pem) {
+    BIO* bio = BIO_new_mem_buf(pem.constData(), static_cast<int>(pem.size()));
+    X509* certificate = bio ? PEM_read_bio_X509(bio, nullptr, nullptr, nullptr) : nullptr;
+    const bool found = certificate != nullptr;
+    X509_free(certificate);
+    BIO_free(bio);
+    return found;
+}
 
 using nlohmann::json;
 
@@ -128,7 +139,7 @@ Endpoints Endpoints::load(const QString& path) {
             throw fail(
                 u"ca_file %1 cannot be read (%2)"_s.arg(resolved, certificate.errorString()));
         }
-        if (QSslCertificate::fromData(certificate.readAll(), QSsl::Pem).isEmpty()) {
+        if (!holdsCertificate(certificate.readAll())) {
             throw fail(u"ca_file %1 holds no PEM certificate"_s.arg(resolved));
         }
         out.caFile = resolved;
@@ -158,9 +169,7 @@ QUrl Endpoints::requestURL(const QUrl& organisationURL) const {
 
 HTTPSession::Options Endpoints::httpOptions() const {
     HTTPSession::Options options;
-    if (!caFile.isEmpty()) {
-        options.extraCertificates = QSslCertificate::fromPath(caFile, QSsl::Pem);
-    }
+    options.caFile = caFile;
     return options;
 }
 

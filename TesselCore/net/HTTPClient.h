@@ -1,22 +1,19 @@
 // The one HTTP transport. It never follows a redirect, keeps no cookies and no
-// cache, and remembers per URL path what went wrong last, so a screen can say
-// why uploads stall without the caller keeping score.
+// cache, never sends a request twice, and remembers per URL path what went wrong
+// last, so a screen can say why uploads stall without the caller keeping score.
 #pragma once
 
 #include "async/Async.h"
 #include "errors/ErrorPresentation.h"
 
 #include <QByteArray>
-#include <QList>
-#include <QSslCertificate>
+#include <QString>
 #include <QUrl>
 
 #include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
-
-class QNetworkAccessManager;
 
 namespace tessel {
 
@@ -38,14 +35,20 @@ struct HTTPResponse {
     int status = 0;
 };
 
-// Owns the network manager. Lives on the main thread; every client copy keeps it
-// alive, so a reply never outlives its manager.
+class HTTPTransport;
+
+// Owns the one libcurl multi handle that carries every request of the clients
+// built on it, and with it the connections they reuse. Lives on the main thread
+// and is driven by its loop; every client copy and every running request keeps
+// it alive.
 class HTTPSession {
 public:
     struct Options {
-        double inactivitySeconds = 30;            // no byte moved for this long ends a request
-        double totalSeconds = 90;                 // no request lasts longer than this
-        QList<QSslCertificate> extraCertificates; // trusted besides the system's
+        double inactivitySeconds = 30; // no byte moved for this long ends a request
+        double totalSeconds = 90;      // no request lasts longer than this
+        // A PEM file of CA certificates trusted besides the system's, so a
+        // local server's own certificate verifies; empty for none.
+        QString caFile;
     };
 
     HTTPSession();
@@ -54,12 +57,12 @@ public:
     HTTPSession(const HTTPSession&) = delete;
     HTTPSession& operator=(const HTTPSession&) = delete;
 
-    QNetworkAccessManager& manager() const { return *manager_; }
     const Options& options() const { return options_; }
 
 private:
+    friend class HTTPClient;
     Options options_;
-    std::unique_ptr<QNetworkAccessManager> manager_;
+    std::shared_ptr<HTTPTransport> transport_;
 };
 
 class HTTPDiagnostics;

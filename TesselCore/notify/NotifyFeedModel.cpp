@@ -3,7 +3,6 @@
 #include "errors/ErrorLog.h"
 #include "net/HTTPFailure.h"
 
-#include <QNetworkReply>
 #include <QRegularExpression>
 #include <QSet>
 
@@ -22,8 +21,6 @@ bool isCancellation(const std::exception_ptr& error) {
         std::rethrow_exception(error);
     } catch (const Cancelled&) {
         return true;
-    } catch (const URLError& failure) {
-        return failure.errorCode() == QNetworkReply::OperationCanceledError;
     } catch (...) {
         return false;
     }

@@ -3,13 +3,19 @@
 #include "net/HTTPClient.h"
 #include "net/HTTPFailure.h"
 
+#include "support/DevServer.h"
 #include "support/Wait.h"
 
-#include <QNetworkReply>
 #include <QTimer>
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -101,6 +107,99 @@ private:
     std::condition_variable released_;
     bool release_ = false;
     std::map<std::string, std::pair<int, std::string>> answers_;
+};
+
+// A bare HTTP/1.1 server on a socket of its own, one connection at a time: it
+// answers every request "ok" on a kept-alive connection, except the one numbered
+// `silentAt`, which it reads whole and then closes the connection on without a
+// byte of answer, as when a server acted and the answer was lost.
+class SilentServer {
+public:
+    explicit SilentServer(int silentAt) : silentAt_(silentAt) {
+        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), size);
+        ::listen(listener_, 8);
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~SilentServer() {
+        stopping_ = true;
+        thread_.join();
+        ::close(listener_);
+    }
+
+    QUrl url(const QString& path) const {
+        return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(port_).arg(path));
+    }
+    // The connection (counted from 1) each request arrived on, in order.
+    std::vector<int> requests() const {
+        std::lock_guard lock(mutex_);
+        return requests_;
+    }
+
+private:
+    // Waits for `fd` to be readable while the server runs.
+    bool readable(int fd) const {
+        pollfd entry{fd, POLLIN, 0};
+        while (!stopping_) {
+            if (::poll(&entry, 1, 20) > 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // Appends what arrives on `fd`; false once the peer closed or the server stops.
+    bool receive(int fd, std::string& buffer) const {
+        char chunk[4096];
+        const ssize_t n = readable(fd) ? ::recv(fd, chunk, sizeof chunk, 0) : 0;
+        if (n > 0) {
+            buffer.append(chunk, static_cast<size_t>(n));
+        }
+        return n > 0;
+    }
+
+    void serve() {
+        for (int connection = 1; readable(listener_); ++connection) {
+            const int fd = ::accept(listener_, nullptr, nullptr);
+            std::string buffer;
+            for (;;) {
+                const auto end = buffer.find("\r\n\r\n");
+                const auto lengthAt = buffer.find("Content-Length: ");
+                const size_t length = lengthAt < end ? std::stoul(buffer.substr(lengthAt + 16)) : 0;
+                if (end == std::string::npos || buffer.size() < end + 4 + length) {
+                    if (!receive(fd, buffer)) {
+                        break;
+                    }
+                    continue;
+                }
+                buffer.erase(0, end + 4 + length);
+                std::unique_lock lock(mutex_);
+                requests_.push_back(connection);
+                const bool silent = static_cast<int>(requests_.size()) == silentAt_;
+                lock.unlock();
+                if (silent) {
+                    break;
+                }
+                const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+                ::send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+            }
+            ::close(fd);
+        }
+    }
+
+    const int silentAt_;
+    int listener_ = -1;
+    int port_ = 0;
+    std::atomic<bool> stopping_{false};
+    mutable std::mutex mutex_;
+    std::vector<int> requests_;
+    std::thread thread_;
 };
 
 HTTPRequest get(const QUrl& url) {
@@ -228,7 +327,7 @@ TEST_F(HTTPClientTest, StalledServerEndsAfterInactivityAndDribblerAfterTotal) {
     auto started = monotonicNow();
     auto error = as<URLError>(failureOf(impatient.send(get(server.url("/stall")))));
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->errorCode(), QNetworkReply::TimeoutError);
+    EXPECT_EQ(error->errorCode(), URLError::timedOut);
     EXPECT_LT(monotonicNow() - started, 5.0);
     EXPECT_TRUE(impatient.latestFailure()->detailLine.endsWith("/stall"));
 
@@ -268,4 +367,40 @@ TEST_F(HTTPClientTest, CancelMidRequestAbortsAndRecordsNothing) {
     const int before = server.stallHits.load();
     EXPECT_TRUE(as<Cancelled>(failureOf(client.send(get(server.url("/stall")), token))));
     EXPECT_EQ(server.stallHits.load(), before);
+}
+
+TEST(HTTPClientTransport, ARequestWhoseAnswerIsLostLeavesOnceOnAFreshOrAReusedConnection) {
+    for (const char* method : {"POST", "PUT"}) {
+        for (const bool reused : {false, true}) {
+            SCOPED_TRACE(std::string(method) + (reused ? " on a reused connection" : " fresh"));
+            SilentServer server(reused ? 2 : 1);
+            HTTPClient client;
+            HTTPRequest request = get(server.url("/act"));
+            request.method = method;
+            request.body = R"({"action":"stop"})";
+            request.setHeader("Content-Type", "application/json");
+            if (reused) {
+                EXPECT_EQ(wait(client.send(request)).status, 200);
+            }
+            const auto error = as<URLError>(failureOf(client.send(request)));
+            ASSERT_TRUE(error);
+            EXPECT_EQ(error->errorCode(), URLError::connectionClosed);
+            const std::vector<int> arrived = reused ? std::vector<int>{1, 1} : std::vector<int>{1};
+            EXPECT_EQ(server.requests(), arrived) << "the lost request never arrives again";
+            ASSERT_TRUE(client.latestFailure());
+            EXPECT_EQ(client.latestFailure()->humanLine, HTTPFailure::serverUnavailableLine);
+        }
+    }
+}
+
+TEST(HTTPClientTransport, TrustsTheExtraCertificateOfTheSessionAndNothingElse) {
+    test::DevServer server(test::DevServer::Options{.https = true});
+    const QUrl calls(QString::fromStdString(server.meetBase() + "/api/v1/meetings"));
+    HTTPClient trusting(std::make_shared<HTTPSession>(
+        HTTPSession::Options{30, 90, QString::fromStdString(server.certPath())}));
+    EXPECT_EQ(wait(trusting.send(get(calls))).status, 401) << "a TLS exchange without a token";
+
+    const auto refused = as<URLError>(failureOf(HTTPClient().send(get(calls))));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->errorCode(), URLError::tlsFailed);
 }
