@@ -4,6 +4,7 @@
 #include "TesselApp.h"
 
 #include "async/Async.h"
+#include "errors/ErrorLog.h"
 #include "errors/Failures.h"
 #include "identity/Endpoints.h"
 
@@ -40,6 +41,26 @@ void print(std::FILE* stream, const QString& text) {
     std::fflush(stream);
 }
 
+// Qt's own warnings are log lines like any other: they go to the system log,
+// never to the terminal, where the command form says only its one line.
+void logQtMessage(QtMsgType type, const QMessageLogContext&, const QString& message) {
+    switch (type) {
+    case QtFatalMsg:
+        print(stderr, message);
+        break;
+    case QtCriticalMsg:
+        log::write(log::Level::error, "qt", message);
+        break;
+    case QtWarningMsg:
+        log::write(log::Level::warning, "qt", message);
+        break;
+    case QtDebugMsg:
+    case QtInfoMsg:
+        log::write(log::Level::info, "qt", message);
+        break;
+    }
+}
+
 Task<void> runCapture(QStringList arguments) {
     int status = 0;
     try {
@@ -52,12 +73,15 @@ Task<void> runCapture(QStringList arguments) {
         status = 1;
     }
     std::fflush(stdout);
-    std::exit(status);
+    // The loop ends and main returns, so every thread and object of the run is
+    // gone in order before the process exits.
+    QCoreApplication::exit(status);
 }
 
 } // namespace
 
 int Entry::main(int argc, char** argv) {
+    qInstallMessageHandler(logQtMessage);
     QStringList arguments;
     for (int i = 0; i < argc; ++i) {
         arguments << QString::fromLocal8Bit(argv[i]);

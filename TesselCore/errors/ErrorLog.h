@@ -1,6 +1,8 @@
 // The system log. Entries go to the systemd journal with the subsystem and the
-// category as fields, or to standard error when no journal is listening.
-// Session tokens never reach a log line.
+// category as fields, or, when no journal is listening, to the private file
+// $XDG_STATE_HOME/velmora/tessel.log (moved aside once past 1 MiB). Never to
+// standard output or standard error: those belong to the command form's own
+// lines. Session tokens never reach a log line.
 #pragma once
 
 #include <QString>

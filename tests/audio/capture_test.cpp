@@ -4,7 +4,7 @@
 // output, and a missing server or device must fail in words with nothing left
 // running.
 #include "AudioTestSupport.h"
-#include "Child.h"
+#include "support/PrivatePulse.h"
 
 #include "audio/AudioCapture.h"
 #include "errors/ErrorPresentation.h"
@@ -30,101 +30,6 @@ using namespace tessel;
 using namespace tessel::test;
 
 namespace {
-
-// A PulseAudio daemon of the test's own: its own runtime directory, home and
-// socket, reachable only through `address()`, stopped by its PID. Nothing of it
-// leaks into the test's environment; its clients get theirs from `environment()`.
-class PrivatePulse {
-public:
-    // Loads the native protocol on a private socket, then `modules` in order.
-    // Fails the test when the daemon doesn't answer.
-    explicit PrivatePulse(const QStringList& modules) {
-        QDir(directory_.path()).mkpath("xdg");
-        QDir(directory_.path()).mkpath("home");
-        QStringList arguments =
-            QString("-n --daemonize=no --exit-idle-time=-1 --use-pid-file=no --log-target=stderr")
-                .split(' ');
-        arguments << "-L"
-                  << "module-native-protocol-unix auth-anonymous=1 socket=" +
-                         directory_.filePath("xdg/native");
-        for (const QString& module : modules) {
-            arguments << "-L" << module;
-        }
-        QProcessEnvironment daemonEnvironment = environment();
-        daemonEnvironment.remove("PULSE_SERVER");
-        const QString log = directory_.filePath("daemon.log");
-        daemon_ = std::make_unique<Child>("pulseaudio", arguments, daemonEnvironment.toStringList(),
-                                          log, log);
-        // Ready when it answers, not after a fixed sleep.
-        const QDeadlineTimer deadline(15000);
-        while (daemon_->running() && !deadline.hasExpired()) {
-            if (run("pactl", {"info"}, 5000)) {
-                return;
-            }
-            QThread::msleep(50);
-        }
-        QFile text(log);
-        text.open(QIODevice::ReadOnly);
-        ADD_FAILURE() << "pulseaudio did not come up: " << text.readAll().toStdString();
-    }
-    ~PrivatePulse() {
-        players_.clear(); // killed and reaped
-        daemon_->signal(SIGTERM);
-        if (!daemon_->waitFor(5000)) {
-            daemon_->signal(SIGKILL);
-            daemon_->waitFor(5000);
-        }
-    }
-    PrivatePulse(const PrivatePulse&) = delete;
-    PrivatePulse& operator=(const PrivatePulse&) = delete;
-
-    QString address() const { return "unix:" + directory_.filePath("xdg/native"); }
-    QProcessEnvironment environment() const {
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("XDG_RUNTIME_DIR", directory_.filePath("xdg"));
-        environment.insert("HOME", directory_.filePath("home"));
-        environment.insert("PULSE_SERVER", address());
-        return environment;
-    }
-
-    // Runs a client of this daemon to its end; its standard output, if it succeeded.
-    std::optional<QString> run(const QString& program, const QStringList& arguments,
-                               int milliseconds = 30000) const {
-        const QString output = directory_.filePath(QString("run-%1.out").arg(++runs_));
-        Child child(program, arguments, environment().toStringList(), output);
-        if (child.waitFor(milliseconds) != 0) {
-            return std::nullopt;
-        }
-        QFile file(output);
-        file.open(QIODevice::ReadOnly);
-        return QString::fromUtf8(file.readAll());
-    }
-    // pactl against this daemon; a failure of the test when it fails.
-    QString pactl(const QStringList& arguments) const {
-        const auto out = run("pactl", arguments);
-        EXPECT_TRUE(out) << "pactl " << arguments.join(' ').toStdString();
-        return out.value_or(QString());
-    }
-    // Starts paplay of `file` into `sink`; it ends when the sound has been played.
-    Child& play(const QString& sink, const QString& file) {
-        auto& player = players_.emplace_back(std::make_unique<Child>(
-            "paplay", QStringList{"-d", sink, file}, environment().toStringList()));
-        EXPECT_TRUE(player->started());
-        return *player;
-    }
-    // A WAV of `text` spoken by espeak-ng, in this daemon's directory.
-    QString speech(const QString& name, const QString& text) const {
-        const QString path = directory_.filePath(name + ".wav");
-        EXPECT_TRUE(run("espeak-ng", {"-w", path, text})) << "espeak-ng";
-        return path;
-    }
-
-private:
-    QTemporaryDir directory_;
-    std::unique_ptr<Child> daemon_;
-    std::vector<std::unique_ptr<Child>> players_;
-    mutable int runs_ = 0;
-};
 
 // Speakers and a microphone, the defaults, and a headset to switch to.
 const QStringList callDevices{

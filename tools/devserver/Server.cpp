@@ -153,7 +153,8 @@ thread_local unsigned long long loggedHere = 0;
 } // namespace
 
 Server::Server(Options options)
-    : options_(std::move(options)), storage_(options_.dataDir, options_.presignTTL) {
+    : options_(std::move(options)),
+      storage_(options_.dataDir, options_.presignTTL, options_.fsync) {
     while (options_.basePath.ends_with('/')) {
         options_.basePath.pop_back();
     }

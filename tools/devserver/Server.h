@@ -29,6 +29,7 @@ struct Options {
     std::string basePath = "/meet";
     std::string notifyBasePath = "/notify";
     double presignTTL = 900; // seconds; zero or less gives URLs that have already expired
+    bool fsync = true;       // off only for benchmarks, so the disk is not what they measure
 };
 
 class Server {

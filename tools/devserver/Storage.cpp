@@ -19,8 +19,8 @@ namespace devserver {
 
 namespace fs = std::filesystem;
 
-Storage::Storage(fs::path dataDir, double ttlSeconds)
-    : dataDir_(std::move(dataDir)), ttl_(ttlSeconds), secret_(randomHex(32)) {}
+Storage::Storage(fs::path dataDir, double ttlSeconds, bool sync)
+    : dataDir_(std::move(dataDir)), ttl_(ttlSeconds), sync_(sync), secret_(randomHex(32)) {}
 
 std::string Storage::sign(const std::string& method, const std::string& path,
                           long long expires) const {
@@ -99,7 +99,9 @@ void Storage::write(const fs::path& relative, std::string_view bytes) const {
         }
         done += static_cast<std::size_t>(n);
     }
-    ::fsync(fd);
+    if (sync_) {
+        ::fsync(fd);
+    }
     ::close(fd);
     fs::rename(temporary, target);
 }

@@ -12,7 +12,8 @@ namespace devserver {
 
 class Storage {
 public:
-    Storage(std::filesystem::path dataDir, double ttlSeconds);
+    // Without `sync`, written files are not flushed to the disk (benchmarks only).
+    Storage(std::filesystem::path dataDir, double ttlSeconds, bool sync = true);
 
     // Set once the port is known, before the first request.
     void setOrigin(std::string origin) { origin_ = std::move(origin); }
@@ -36,6 +37,7 @@ private:
 
     std::filesystem::path dataDir_;
     double ttl_;
+    bool sync_;
     std::string origin_;
     std::string secret_; // per process: URLs of an earlier run don't verify
 };

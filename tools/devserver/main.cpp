@@ -17,7 +17,8 @@ namespace {
 
 const char* const usage =
     "usage: velmora-devserver [--host 127.0.0.1] [--port 0] [--https] [--data-dir DIR]\n"
-    "                         [--log FILE] [--presign-ttl SECONDS] [--base-path /meet]\n";
+    "                         [--log FILE] [--presign-ttl SECONDS] [--base-path /meet]\n"
+    "                         [--no-fsync]   (benchmarks only: stored files are not synced)\n";
 
 // Reads "--name value" and "--name=value"; false when argv[i] isn't `name`.
 bool option(int argc, char** argv, int& i, const char* name, std::string& value) {
@@ -52,6 +53,8 @@ devserver::Options parse(int argc, char** argv) {
         std::string value;
         if (std::strcmp(argv[i], "--https") == 0) {
             options.https = true;
+        } else if (std::strcmp(argv[i], "--no-fsync") == 0) {
+            options.fsync = false;
         } else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
             std::cout << usage;
             std::exit(0);

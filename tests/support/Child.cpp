@@ -1,4 +1,4 @@
-#include "Child.h"
+#include "support/Child.h"
 
 #include <QDeadlineTimer>
 #include <QThread>
