@@ -81,6 +81,10 @@ protected:
 
 using Routes = std::vector<std::string>;
 
+bool isOwnershipRead(const std::string& route) {
+    return route == "snapshot" || route == "manifest";
+}
+
 } // namespace
 
 TEST_F(CaptureSessionTest, FirstStartAndStopHoldTheExactConversation) {
@@ -89,9 +93,9 @@ TEST_F(CaptureSessionTest, FirstStartAndStopHoldTheExactConversation) {
     EXPECT_EQ(session->state(), CaptureState::listening);
     EXPECT_EQ(audio->prepared, 1);
     EXPECT_EQ(audio->begun, 1);
-    // Only the monitor's ownership polls may follow.
+    // Only the monitor's ownership polls (reads) may follow.
     Routes opening = routes();
-    while (!opening.empty() && opening.back() == "snapshot") {
+    while (!opening.empty() && isOwnershipRead(opening.back())) {
         opening.pop_back();
     }
     EXPECT_EQ(opening, (Routes{"create", "consent", "start", "ack", "join", "request"}));
@@ -102,12 +106,18 @@ TEST_F(CaptureSessionTest, FirstStartAndStopHoldTheExactConversation) {
     wait(session->stop());
     EXPECT_EQ(session->state(), CaptureState::finished);
     EXPECT_FALSE(session->error());
-    // The monitor's ownership poll may have read a snapshot just before.
+    // The monitor's poll, cancelled as the stop begins, may have had one read on
+    // its way: the server may log it anywhere before the stop's own requests.
+    const Routes exact{"snapshot", "manifest", "stop", "end"};
     Routes closing = routesSince(beforeStop);
-    while (closing.size() > 1 && closing[0] == "snapshot" && closing[1] == "snapshot") {
-        closing.erase(closing.begin());
+    for (size_t i = 0; closing.size() == exact.size() + 1 && i < closing.size(); ++i) {
+        Routes without = closing;
+        without.erase(without.begin() + static_cast<long>(i));
+        if (isOwnershipRead(closing[i]) && without == exact) {
+            closing = without;
+        }
     }
-    EXPECT_EQ(closing, (Routes{"snapshot", "manifest", "stop", "end"}));
+    EXPECT_EQ(closing, exact);
 
     // Both tracks are on disk, in sequence, byte for byte as the source made them.
     const QString meeting = *session->meetingID();
