@@ -23,8 +23,8 @@ namespace tessel::ZipAppInstaller {
 
 namespace {
 
-// QNetworkReply::ProtocolFailure, the code transport failures of this kind carry.
-constexpr int badServerResponse = 399;
+// The code transport failures of this kind carry.
+constexpr int badServerResponse = URLError::protocolFailure;
 
 void makeDirectory(const QString& path) {
     std::error_code error;
