@@ -53,6 +53,29 @@ template <typename M> std::optional<Reply> noConsent(const M& meeting) {
 
 } // namespace
 
+// Under the lock: the call, or the refusal for one that is unknown or not in
+// the state the request needs.
+template <typename Model, typename Work>
+Reply MeetModel::withMeeting(Model& model, const std::string& id, Needs needs, Work&& work) {
+    std::lock_guard lock(model.mutex_);
+    auto* found = model.find(id);
+    if (!found) {
+        return notFound();
+    }
+    auto& meeting = *found;
+    if (needs != Needs::call) {
+        if (auto refused = notLive(meeting)) {
+            return *refused;
+        }
+    }
+    if (needs == Needs::consent) {
+        if (auto refused = noConsent(meeting)) {
+            return *refused;
+        }
+    }
+    return work(meeting);
+}
+
 MeetModel::Meeting* MeetModel::find(const std::string& id) {
     const auto found = meetings_.find(id);
     return found == meetings_.end() ? nullptr : &found->second;
@@ -148,38 +171,29 @@ Reply MeetModel::list() const {
 }
 
 Reply MeetModel::read(const std::string& id) const {
-    std::lock_guard lock(mutex_);
-    const Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    return Reply{200, {{"meeting", meetingJSON(*m)}, {"status", m->status}}};
+    return withMeeting(*this, id, Needs::call, [](const Meeting& m) {
+        return Reply{200, {{"meeting", meetingJSON(m)}, {"status", m.status}}};
+    });
 }
 
 Reply MeetModel::consent(const std::string& id) const {
-    std::lock_guard lock(mutex_);
-    const Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    return Reply{200, {{"notice", {{"version", m->notice}, {"text", noticeText}}}}};
+    return withMeeting(*this, id, Needs::call, [](const Meeting& m) {
+        return Reply{200, {{"notice", {{"version", m.notice}, {"text", noticeText}}}}};
+    });
 }
 
 Reply MeetModel::start(const std::string& id) {
-    std::lock_guard lock(mutex_);
-    Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    if (m->status == "live") {
-        return errorReply(409, "already_started", "The meeting has already started.");
-    }
-    if (m->status != "created") {
-        return errorReply(409, "meeting_ended", "The meeting has ended.");
-    }
-    m->status = "live";
-    m->startedAt = isoNow();
-    return Reply{200, {{"meeting", meetingJSON(*m)}}};
+    return withMeeting(*this, id, Needs::call, [](Meeting& m) {
+        if (m.status == "live") {
+            return errorReply(409, "already_started", "The meeting has already started.");
+        }
+        if (m.status != "created") {
+            return errorReply(409, "meeting_ended", "The meeting has ended.");
+        }
+        m.status = "live";
+        m.startedAt = isoNow();
+        return Reply{200, {{"meeting", meetingJSON(m)}}};
+    });
 }
 
 Reply MeetModel::acknowledge(const std::string& id, const json& body) {
@@ -188,20 +202,15 @@ Reply MeetModel::acknowledge(const std::string& id, const json& body) {
     if (r.problem()) {
         return *r.problem();
     }
-    std::lock_guard lock(mutex_);
-    Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    if (auto refused = notLive(*m)) {
-        return *refused;
-    }
-    if (version != m->notice) {
-        return errorReply(409, "notice_outdated",
-                          "The recording notice has changed; read it again before acknowledging.");
-    }
-    m->acknowledged = version;
-    return Reply{200, {{"consent", {{"version", version}, {"acknowledged", true}}}}};
+    return withMeeting(*this, id, Needs::live, [&](Meeting& m) {
+        if (version != m.notice) {
+            return errorReply(
+                409, "notice_outdated",
+                "The recording notice has changed; read it again before acknowledging.");
+        }
+        m.acknowledged = version;
+        return Reply{200, {{"consent", {{"version", version}, {"acknowledged", true}}}}};
+    });
 }
 
 Reply MeetModel::join(const std::string& id, const json& body) {
@@ -212,35 +221,23 @@ Reply MeetModel::join(const std::string& id, const json& body) {
     if (r.problem()) {
         return *r.problem();
     }
-    std::lock_guard lock(mutex_);
-    Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    if (auto refused = notLive(*m)) {
-        return *refused;
-    }
-    if (auto refused = noConsent(*m)) {
-        return *refused;
-    }
-    // A repeated join is a second session: the server can't tell a retry from
-    // another window, which is why the client reconciles by reading presence.
-    m->presence.push_back(Session{"hs_" + randomHex(8), "host"});
-    return Reply{201, {{"session", {{"id", m->presence.back().id}, {"role", "host"}}}}};
+    return withMeeting(*this, id, Needs::consent, [](Meeting& m) {
+        // A repeated join is a second session: the server can't tell a retry from
+        // another window, which is why the client reconciles by reading presence.
+        m.presence.push_back(Session{"hs_" + randomHex(8), "host"});
+        return Reply{201, {{"session", {{"id", m.presence.back().id}, {"role", "host"}}}}};
+    });
 }
 
 Reply MeetModel::snapshot(const std::string& id) const {
-    std::lock_guard lock(mutex_);
-    const Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    json presence = json::array();
-    for (const auto& session : m->presence) {
-        presence.push_back({{"id", session.id}, {"role", session.role}});
-    }
-    const std::string state = m->parts.empty() ? "none" : m->parts.back().state;
-    return Reply{200, {{"presence", presence}, {"recording_state", state}}};
+    return withMeeting(*this, id, Needs::call, [](const Meeting& m) {
+        json presence = json::array();
+        for (const auto& session : m.presence) {
+            presence.push_back({{"id", session.id}, {"role", session.role}});
+        }
+        const std::string state = m.parts.empty() ? "none" : m.parts.back().state;
+        return Reply{200, {{"presence", presence}, {"recording_state", state}}};
+    });
 }
 
 Reply MeetModel::recording(const std::string& id, const json& body) {
@@ -250,12 +247,9 @@ Reply MeetModel::recording(const std::string& id, const json& body) {
         r.reject("action", "action must be \"request\" or \"stop\".");
         return *r.problem();
     }
-    std::lock_guard lock(mutex_);
-    Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    return *action == "request" ? requestRecording(*m, body) : stopRecording(*m, body);
+    return withMeeting(*this, id, Needs::call, [&](Meeting& m) {
+        return *action == "request" ? requestRecording(m, body) : stopRecording(m, body);
+    });
 }
 
 Reply MeetModel::requestRecording(Meeting& m, const json& body) {
@@ -314,16 +308,13 @@ void MeetModel::stopPart(Part& part) {
 }
 
 Reply MeetModel::manifest(const std::string& id) const {
-    std::lock_guard lock(mutex_);
-    const Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    json parts = json::array();
-    for (const auto& part : m->parts) {
-        parts.push_back(partJSON(part, *m));
-    }
-    return Reply{200, {{"parts", parts}}};
+    return withMeeting(*this, id, Needs::call, [](const Meeting& m) {
+        json parts = json::array();
+        for (const auto& part : m.parts) {
+            parts.push_back(partJSON(part, m));
+        }
+        return Reply{200, {{"parts", parts}}};
+    });
 }
 
 Reply MeetModel::presign(const std::string& id, const json& body) {
@@ -345,58 +336,56 @@ Reply MeetModel::presign(const std::string& id, const json& body) {
         return *r.problem();
     }
 
-    std::lock_guard lock(mutex_);
-    Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    const auto part = std::find_if(m->parts.begin(), m->parts.end(),
-                                   [&](const Part& p) { return p.id == recording; });
-    if (part == m->parts.end()) {
-        return errorReply(404, "recording_not_found", "Recording not found.");
-    }
-    Segment* segment = nullptr;
-    if (const auto known = m->chunks.find(chunk); known != m->chunks.end()) {
-        segment = &m->segments.at(known->second);
-        // What the server already holds is acknowledged whatever became of the
-        // recording since: that is what makes a retried upload safe.
-        if (segment->completed) {
-            return Reply{200, {{"state", "completed"}, {"segment_id", segment->id}}};
+    return withMeeting(*this, id, Needs::call, [&](Meeting& m) {
+        const auto part = std::find_if(m.parts.begin(), m.parts.end(),
+                                       [&](const Part& p) { return p.id == recording; });
+        if (part == m.parts.end()) {
+            return errorReply(404, "recording_not_found", "Recording not found.");
         }
-        if (segment->recording != recording || segment->kind != kind || segment->length != length) {
-            return errorReply(409, "chunk_conflict",
-                              "This chunk_uuid was presigned for another segment.");
+        Segment* segment = nullptr;
+        if (const auto known = m.chunks.find(chunk); known != m.chunks.end()) {
+            segment = &m.segments.at(known->second);
+            // What the server already holds is acknowledged whatever became of the
+            // recording since: that is what makes a retried upload safe.
+            if (segment->completed) {
+                return Reply{200, {{"state", "completed"}, {"segment_id", segment->id}}};
+            }
+            if (segment->recording != recording || segment->kind != kind ||
+                segment->length != length) {
+                return errorReply(409, "chunk_conflict",
+                                  "This chunk_uuid was presigned for another segment.");
+            }
         }
-    }
-    if (&*part != &m->parts.back()) {
-        return errorReply(409, "recording_superseded", "A later recording replaced this one.");
-    }
-    if (part->state != "recording") {
-        return errorReply(409, "recording_not_active", "The recording is not running.");
-    }
-    if (!segment) {
-        Segment fresh;
-        fresh.id = "seg_" + randomHex(8);
-        fresh.chunk = chunk;
-        fresh.recording = recording;
-        fresh.kind = kind;
-        fresh.length = length;
-        fresh.sequence = part->nextSequence[kind]++;
-        char name[16];
-        std::snprintf(name, sizeof name, "%06d.aac", fresh.sequence);
-        // The first part's tracks sit right under the call; a later part (after a
-        // takeover) gets a folder of its own so its sequence numbers don't clash.
-        const std::string folder = part == m->parts.begin() ? m->id : m->id + "/" + part->id;
-        fresh.file = folder + "/" + kind + "/" + name;
-        m->chunks[chunk] = fresh.id;
-        segment = &m->segments.emplace(fresh.id, fresh).first->second;
-        writeIndex(*m);
-    }
-    return Reply{200,
-                 {{"state", "pending"},
-                  {"segment_id", segment->id},
-                  {"upload_url", storage_.presignedURL(m->id, segment->id)},
-                  {"method", "PUT"}}};
+        if (&*part != &m.parts.back()) {
+            return errorReply(409, "recording_superseded", "A later recording replaced this one.");
+        }
+        if (part->state != "recording") {
+            return errorReply(409, "recording_not_active", "The recording is not running.");
+        }
+        if (!segment) {
+            Segment fresh;
+            fresh.id = "seg_" + randomHex(8);
+            fresh.chunk = chunk;
+            fresh.recording = recording;
+            fresh.kind = kind;
+            fresh.length = length;
+            fresh.sequence = part->nextSequence[kind]++;
+            char name[16];
+            std::snprintf(name, sizeof name, "%06d.aac", fresh.sequence);
+            // The first part's tracks sit right under the call; a later part (after a
+            // takeover) gets a folder of its own so its sequence numbers don't clash.
+            const std::string folder = part == m.parts.begin() ? m.id : m.id + "/" + part->id;
+            fresh.file = folder + "/" + kind + "/" + name;
+            m.chunks[chunk] = fresh.id;
+            segment = &m.segments.emplace(fresh.id, fresh).first->second;
+            writeIndex(m);
+        }
+        return Reply{200,
+                     {{"state", "pending"},
+                      {"segment_id", segment->id},
+                      {"upload_url", storage_.presignedURL(m.id, segment->id)},
+                      {"method", "PUT"}}};
+    });
 }
 
 Reply MeetModel::complete(const std::string& id, const json& body) {
@@ -406,51 +395,47 @@ Reply MeetModel::complete(const std::string& id, const json& body) {
     if (r.problem()) {
         return *r.problem();
     }
-    std::lock_guard lock(mutex_);
-    Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    const auto found = m->segments.find(segmentID);
-    if (found == m->segments.end()) {
-        return errorReply(404, "segment_not_found", "Segment not found.");
-    }
-    Segment& segment = found->second;
-    if (!segment.storedSize) {
-        return errorReply(409, "segment_missing", "The segment's bytes have not been uploaded.");
-    }
-    if (*segment.storedSize != length) {
-        return errorReply(422, "content_length_mismatch",
-                          "content_length is " + std::to_string(length) + " but storage holds " +
-                              std::to_string(*segment.storedSize) + " bytes.");
-    }
-    if (!segment.completed) {
-        segment.completed = true;
-        writeIndex(*m);
-    }
-    const auto part = std::find_if(m->parts.begin(), m->parts.end(),
-                                   [&](const Part& p) { return p.id == segment.recording; });
-    return Reply{200,
-                 {{"segment", {{"id", segment.id}, {"state", "completed"}}},
-                  {"recording_state", part->state}}};
+    return withMeeting(*this, id, Needs::call, [&](Meeting& m) {
+        const auto found = m.segments.find(segmentID);
+        if (found == m.segments.end()) {
+            return errorReply(404, "segment_not_found", "Segment not found.");
+        }
+        Segment& segment = found->second;
+        if (!segment.storedSize) {
+            return errorReply(409, "segment_missing",
+                              "The segment's bytes have not been uploaded.");
+        }
+        if (*segment.storedSize != length) {
+            return errorReply(422, "content_length_mismatch",
+                              "content_length is " + std::to_string(length) +
+                                  " but storage holds " + std::to_string(*segment.storedSize) +
+                                  " bytes.");
+        }
+        if (!segment.completed) {
+            segment.completed = true;
+            writeIndex(m);
+        }
+        const auto part = std::find_if(m.parts.begin(), m.parts.end(),
+                                       [&](const Part& p) { return p.id == segment.recording; });
+        return Reply{200,
+                     {{"segment", {{"id", segment.id}, {"state", "completed"}}},
+                      {"recording_state", part->state}}};
+    });
 }
 
 Reply MeetModel::end(const std::string& id) {
-    std::lock_guard lock(mutex_);
-    Meeting* m = find(id);
-    if (!m) {
-        return notFound();
-    }
-    if (m->status == "ended") {
-        return errorReply(409, "already_ended", "The meeting has already ended.");
-    }
-    // A call abandoned before it started may be ended too.
-    m->status = "ended";
-    m->endedAt = isoNow();
-    if (!m->parts.empty()) {
-        stopPart(m->parts.back());
-    }
-    return Reply{200, {{"meeting", meetingJSON(*m)}, {"status", m->status}}};
+    return withMeeting(*this, id, Needs::call, [this](Meeting& m) {
+        if (m.status == "ended") {
+            return errorReply(409, "already_ended", "The meeting has already ended.");
+        }
+        // A call abandoned before it started may be ended too.
+        m.status = "ended";
+        m.endedAt = isoNow();
+        if (!m.parts.empty()) {
+            stopPart(m.parts.back());
+        }
+        return Reply{200, {{"meeting", meetingJSON(m)}, {"status", m.status}}};
+    });
 }
 
 std::optional<MeetModel::Upload> MeetModel::upload(const std::string& meeting,
@@ -506,56 +491,46 @@ void MeetModel::writeIndex(const Meeting& m) const {
 }
 
 Reply MeetModel::stopByServer(const std::string& meeting) {
-    std::lock_guard lock(mutex_);
-    Meeting* m = find(meeting);
-    if (!m) {
-        return notFound();
-    }
-    if (m->parts.empty()) {
-        return errorReply(409, "no_recording", "The meeting has no recording.");
-    }
-    stopPart(m->parts.back());
-    return Reply{200, {{"recording", {{"id", m->parts.back().id}, {"state", "stopped"}}}}};
+    return withMeeting(*this, meeting, Needs::call, [this](Meeting& m) {
+        if (m.parts.empty()) {
+            return errorReply(409, "no_recording", "The meeting has no recording.");
+        }
+        stopPart(m.parts.back());
+        return Reply{200, {{"recording", {{"id", m.parts.back().id}, {"state", "stopped"}}}}};
+    });
 }
 
 Reply MeetModel::takeover(const std::string& meeting, bool newRecording) {
-    std::lock_guard lock(mutex_);
-    Meeting* m = find(meeting);
-    if (!m) {
-        return notFound();
-    }
-    if (auto refused = notLive(*m)) {
-        return *refused;
-    }
-    // Opening the call elsewhere replaces every host session this server knew.
-    m->presence = {Session{"hs_" + randomHex(8), "host"}};
-    json out{{"session", {{"id", m->presence.back().id}, {"role", "host"}}}};
-    if (newRecording) {
-        if (!m->parts.empty()) {
-            stopPart(m->parts.back());
+    return withMeeting(*this, meeting, Needs::live, [&](Meeting& m) {
+        // Opening the call elsewhere replaces every host session this server knew.
+        m.presence = {Session{"hs_" + randomHex(8), "host"}};
+        json out{{"session", {{"id", m.presence.back().id}, {"role", "host"}}}};
+        if (newRecording) {
+            if (!m.parts.empty()) {
+                stopPart(m.parts.back());
+            }
+            Part part;
+            part.id = "rec_" + randomHex(8);
+            part.startedAt = isoNow();
+            m.parts.push_back(part);
+            out["recording"] = {{"id", part.id}, {"state", part.state}};
         }
-        Part part;
-        part.id = "rec_" + randomHex(8);
-        part.startedAt = isoNow();
-        m->parts.push_back(part);
-        out["recording"] = {{"id", part.id}, {"state", part.state}};
-    }
-    return Reply{200, out};
+        return Reply{200, out};
+    });
 }
 
 Reply MeetModel::setNotice(const std::optional<std::string>& meeting, const json& version) {
-    std::lock_guard lock(mutex_);
+    const Reply set{200, {{"notice", {{"version", version}}}}};
     if (!meeting) {
+        std::lock_guard lock(mutex_);
         defaultNotice_ = version;
-        return Reply{200, {{"notice", {{"version", version}}}}};
-    }
-    Meeting* m = find(*meeting);
-    if (!m) {
-        return notFound();
+        return set;
     }
     // A new notice needs a new acknowledgement before anything else is allowed.
-    m->notice = version;
-    return Reply{200, {{"notice", {{"version", version}}}}};
+    return withMeeting(*this, *meeting, Needs::call, [&](Meeting& m) {
+        m.notice = version;
+        return set;
+    });
 }
 
 json MeetModel::state() const {

@@ -91,6 +91,11 @@ private:
         std::map<std::string, std::string> chunks; // chunk_uuid to segment id
     };
 
+    // What a request needs of its call before its handler may act.
+    enum class Needs { call, live, consent };
+    template <typename Model, typename Work>
+    static Reply withMeeting(Model& model, const std::string& id, Needs needs, Work&& work);
+
     Meeting* find(const std::string& id);
     const Meeting* find(const std::string& id) const;
     Reply requestRecording(Meeting& meeting, const json& body);
