@@ -6,8 +6,8 @@
 #include "errors/Failures.h"
 
 #include <QHash>
+#include <QRegularExpression>
 
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -51,22 +51,15 @@ void printLine(const QString& text) {
 const QString CaptureCLI::defaultBaseURL = QStringLiteral("https://velmora.ai/meet");
 
 std::optional<double> CaptureCLI::parseSeconds(const QString& text) {
-    const QByteArray bytes = text.toUtf8();
-    if (bytes.isEmpty() || bytes.contains('\0')) {
-        return std::nullopt;
-    }
-    // strtod skips leading white space on its own; the rule refuses it.
-    if (std::strchr(" \t\n\v\f\r", bytes.front()) != nullptr) {
+    // Decimal only: strtod would also take hexadecimal, "inf", "nan" and leading blanks.
+    static const QRegularExpression decimal(QRegularExpression::anchoredPattern(
+        u"[+-]?([0-9]+[.]?[0-9]*|[.][0-9]+)([eE][+-]?[0-9]+)?"_s));
+    if (!decimal.match(text).hasMatch()) {
         return std::nullopt;
     }
     static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
-    char* end = nullptr;
-    errno = 0;
-    const double value = strtod_l(bytes.constData(), &end, cLocale);
-    if (end != bytes.constData() + bytes.size()) {
-        return std::nullopt;
-    }
-    return value;
+    const QByteArray bytes = text.toLatin1();
+    return strtod_l(bytes.constData(), nullptr, cLocale);
 }
 
 CaptureOptions CaptureCLI::parse(const QStringList& arguments) {
@@ -110,25 +103,26 @@ CaptureOptions CaptureCLI::parse(const QStringList& arguments) {
 }
 
 Task<void> CaptureCLI::run(QStringList arguments) {
-    co_await run(std::move(arguments), defaultAudioMaker(), CaptureClock{});
+    co_await run(std::move(arguments), CaptureMachine{defaultAudioMaker(), {}, printLine});
 }
 
-Task<void> CaptureCLI::run(QStringList arguments, CaptureSession::MakeAudio makeAudio,
-                           CaptureClock clock) {
+Task<void> CaptureCLI::run(QStringList arguments, CaptureMachine machine) {
+    const auto& print = machine.printLine;
+    const CaptureClock clock = machine.clock;
     if (arguments.contains(u"--help"_s)) {
-        printLine(Entry::usageText());
+        print(Entry::usageText());
         co_return;
     }
     const CaptureOptions options = parse(arguments);
     const QString token = options.token;
     MeetAPI api(
         options.baseURL, [token] { return std::optional<QString>(token); }, HTTPClient());
-    CaptureSession session(std::move(api), std::move(makeAudio), clock);
+    CaptureSession session(std::move(api), std::move(machine.makeAudio), clock);
 
-    printLine(u"Disclosure acknowledged for this capture: Heads-up: I'm taking notes on this call "
-              u"with a recorder on my side; say so if you'd rather I didn't."_s);
+    print(u"Disclosure acknowledged for this capture: Heads-up: I'm taking notes on this call "
+          u"with a recorder on my side; say so if you'd rather I didn't."_s);
     co_await session.start(options.title, options.counterpart, options.project, true);
-    printLine(u"meeting: "_s + session.meetingID().value_or(u"unknown"_s));
+    print(u"meeting: "_s + session.meetingID().value_or(u"unknown"_s));
 
     const double deadline = clock.now() + options.seconds;
     while (clock.now() < deadline && session.state() == CaptureState::listening) {
@@ -147,9 +141,8 @@ Task<void> CaptureCLI::run(QStringList arguments, CaptureSession::MakeAudio make
     const qint64 remote = session.uploads().remote;
     const qint64 needed = options.seconds >= 20 ? 2 : 1;
     if (local >= needed && remote >= needed) {
-        printLine(
-            u"local: %1 segments, remote: %2 segments, uploaded, session ended"_s.arg(local).arg(
-                remote));
+        print(u"local: %1 segments, remote: %2 segments, uploaded, session ended"_s.arg(local).arg(
+            remote));
         co_return;
     }
     throw TesselError(

@@ -8,6 +8,8 @@
 #include <QStringList>
 #include <QUrl>
 
+#include <functional>
+
 namespace tessel::app {
 
 struct CaptureOptions {
@@ -19,14 +21,19 @@ struct CaptureOptions {
     double seconds = 25;
 };
 
+// What a run touches of the machine: the sound, the time and standard output.
+struct CaptureMachine {
+    CaptureSession::MakeAudio makeAudio;
+    CaptureClock clock;
+    std::function<void(const QString&)> printLine;
+};
+
 class CaptureCLI {
 public:
     // `arguments` is the command line without the program name and "capture".
     // Returning normally is success.
     static Task<void> run(QStringList arguments);
-    // The same with the audio source and time given, for tests.
-    static Task<void> run(QStringList arguments, CaptureSession::MakeAudio makeAudio,
-                          CaptureClock clock);
+    static Task<void> run(QStringList arguments, CaptureMachine machine);
 
     // The checks that happen before anything touches the network; throws
     // TesselError with the words the operator reads.

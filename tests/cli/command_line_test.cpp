@@ -1,7 +1,6 @@
 // The executable's two forms and the command form's checks, run as a person
 // would run them: the real binary, its output streams and its exit status.
 #include "CaptureCLI.h"
-#include "Entry.h"
 
 #include <QFile>
 #include <QProcess>
@@ -33,7 +32,18 @@ AppRun runApp(const QStringList& arguments) {
             QString::fromUtf8(process.readAllStandardError())};
 }
 
-const QString usage = Entry::usageText() + QLatin1Char('\n');
+// Written out here, not taken from the program: the text is part of the interface.
+const QString usage = QStringLiteral(
+    "VelmoraTessel                        Open the menu-bar app\n"
+    "VelmoraTessel capture --base-url URL --token MEMBER_SESSION --title NAME --counterpart NAME "
+    "--seconds 25 --project \"\"\n"
+    "\n"
+    "capture acknowledges the disclosure on the operator's behalf. Say it to the participants "
+    "first:\n"
+    "Heads-up: I'm taking notes on this call with a recorder on my side; say so if you'd rather I "
+    "didn't.\n"
+    "Use the signed .app executable so macOS can associate audio permissions with "
+    "ai.velmora.tessel.\n");
 const QString optionLine = QStringLiteral(
     "Velmora Tessel: Unknown, repeated or incomplete capture option — use capture --help for the "
     "supported options.\n");
@@ -51,15 +61,6 @@ QStringList complete(const QString& seconds) {
 }
 
 } // namespace
-
-TEST(Entry, UsageTextIsExact) {
-    const QStringList lines = Entry::usageText().split(QLatin1Char('\n'));
-    ASSERT_EQ(lines.size(), 6);
-    EXPECT_EQ(lines[0], QStringLiteral("VelmoraTessel") + QString(24, QLatin1Char(' ')) +
-                            QStringLiteral("Open the menu-bar app"));
-    EXPECT_TRUE(lines[1].endsWith(QStringLiteral("--seconds 25 --project \"\"")));
-    EXPECT_TRUE(lines[2].isEmpty());
-}
 
 TEST(Entry, HelpAndUnknownCommands) {
     for (const QStringList& arguments :
@@ -116,7 +117,8 @@ TEST(CaptureCommand, MissingValuesAndDurationsOutOfRange) {
     EXPECT_EQ(runApp({"capture"}).err, requirementLine);
     // "--counterpart" is read as the title's value; the counterpart is then missing.
     EXPECT_EQ(runApp({"capture", "--title", "--counterpart"}).err, requirementLine);
-    for (const QString seconds : {"0", "-1", "nan", "inf", "7201", " 5", "5s", "", "\t5"}) {
+    for (const QString seconds : {"0", "-1", "nan", "inf", "infinity", "7201", " 5", "5s", "",
+                                  "\t5", "0x10", "0x1p3", "1e400", "٣"}) {
         const AppRun run = runApp(complete(seconds));
         EXPECT_EQ(run.status, 1) << seconds.toStdString();
         EXPECT_EQ(run.err, requirementLine) << "seconds '" << seconds.toStdString() << "'";
@@ -145,7 +147,7 @@ TEST(CaptureCommand, TokenRuleAndAddressRule) {
 }
 
 TEST(CaptureCommand, DurationsThatRun) {
-    for (const QString seconds : {"7200", "0.5", "1e3", "25", "0x10"}) {
+    for (const QString seconds : {"7200", "0.5", "1e3", "25", "+.5", "7.e2"}) {
         QStringList arguments = complete(seconds).mid(1);
         arguments << "--base-url"
                   << "http://127.0.0.1:9/meet";
