@@ -1,13 +1,11 @@
-// The ground rules: a cancelled wait ends at once and quietly, callbacks never
-// run inside cancel(), and a task that outlives its model stops instead of
-// touching it.
+// The ground rules: a cancelled wait ends at once and quietly, and callbacks
+// never run inside cancel().
 #include "async/Async.h"
 #include "errors/ErrorLog.h"
 
 #include "support/Wait.h"
 #include <QCoreApplication>
 #include <QCoroTask>
-#include <QPointer>
 #include <QThread>
 #include <QTimer>
 
@@ -28,24 +26,6 @@ bool throwsCancelled(Task<void> task) {
     }
     return false;
 }
-
-// A model whose background loop holds it weakly.
-class Ticker : public QObject {
-public:
-    int ticks = 0;
-
-    Task<void> loop(int* afterDeath) {
-        QPointer<Ticker> self(this);
-        for (;;) {
-            co_await sleepFor(0.01);
-            if (!self) {
-                ++*afterDeath;
-                co_return;
-            }
-            ++self->ticks;
-        }
-    }
-};
 
 } // namespace
 
@@ -131,15 +111,4 @@ TEST(Spawn, CancellationIsQuietAndOtherFailuresAreLogged) {
     test::wait(sleepFor(0.05));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0], "Nobody awaited this.");
-}
-
-TEST(WeakHolding, TaskStopsWhenItsModelIsGone) {
-    auto* ticker = new Ticker;
-    int afterDeath = 0;
-    ticker->loop(&afterDeath);
-    test::wait(sleepFor(0.05));
-    EXPECT_GT(ticker->ticks, 0);
-    delete ticker;
-    test::wait(sleepFor(0.05));
-    EXPECT_EQ(afterDeath, 1) << "the loop notices once and ends";
 }

@@ -40,9 +40,7 @@ DevServer::DevServer(Options options) {
         throw std::runtime_error("DevServer: cannot create a data directory");
     }
     dataDir_ = dir;
-    QStringList arguments{"--port",        "0",
-                          "--data-dir",    QString::fromStdString(dataDir_),
-                          "--presign-ttl", QString::number(options.presignTTL)};
+    QStringList arguments{"--port", "0", "--data-dir", QString::fromStdString(dataDir_)};
     if (options.https) {
         arguments << "--https";
     }
@@ -62,7 +60,6 @@ DevServer::DevServer(Options options) {
                                  line + "\")");
     }
     origin_ = line.substr(prefix.size(), line.find(' ', prefix.size()) - prefix.size());
-    logPath_ = field(line, "log");
     certPath_ = field(line, "cert");
 }
 

@@ -18,7 +18,6 @@ class DevServer {
 public:
     struct Options {
         bool https = false;
-        double presignTTL = 900; // seconds; zero or less: every upload URL has expired
     };
 
     // Starts the server and waits for its ready line; throws when it doesn't come.
@@ -33,7 +32,6 @@ public:
     const std::string& origin() const { return origin_; } // "http://127.0.0.1:41234"
     std::string meetBase() const { return origin_ + "/meet"; }
     const std::string& dataDir() const { return dataDir_; }
-    const std::string& logPath() const { return logPath_; }
     const std::string& certPath() const { return certPath_; } // with https only
 
     // A client for the server's origin that trusts its certificate.
@@ -53,10 +51,6 @@ public:
     // delay: wait, then handle normally.
     void delay(const std::string& route, int count, int milliseconds) const {
         fault(route, count, {{"mode", "delay"}, {"delay_ms", milliseconds}});
-    }
-    // redirect: answer 302 to `location` and do nothing.
-    void redirect(const std::string& route, int count, const std::string& location) const {
-        fault(route, count, {{"mode", "redirect"}, {"location", location}});
     }
 
     // Any answer for the next `count` requests of a route, also those of the
@@ -109,7 +103,6 @@ private:
     QProcess process_;
     std::string origin_;
     std::string dataDir_;
-    std::string logPath_;
     std::string certPath_;
 };
 

@@ -2,7 +2,7 @@
 // thread, and records how the capture drove it.
 #pragma once
 
-#include "capture/CaptureAudio.h"
+#include "capture/CaptureSession.h"
 
 #include <QByteArray>
 
@@ -18,7 +18,8 @@ namespace tessel::test {
 QByteArray adtsFrames(int frames, int payloadSize = 90, char fill = 0x11);
 
 struct ScriptedAudioControl {
-    std::exception_ptr prepareFailure; // thrown by prepare()
+    std::exception_ptr prepareFailure;                  // thrown by prepare()
+    std::function<void(ScriptedAudioControl&)> onBegin; // what the source does at begin()
     std::atomic<int> prepared{0};
     std::atomic<int> begun{0};
     std::atomic<int> stopped{0};
@@ -30,6 +31,14 @@ struct ScriptedAudioControl {
     void emitFailure(const QString& message) { stream->push(CaptureFailure{message}); }
 };
 
+// A capture's time running `speed` times faster than the real clock.
+inline CaptureClock fastClock(double speed = 100) {
+    return CaptureClock{[speed] { return monotonicNow() * speed; },
+                        [speed](double seconds, CancellationToken token) {
+                            return sleepFor(seconds / speed, std::move(token));
+                        }};
+}
+
 class ScriptedAudio : public CaptureAudio {
 public:
     explicit ScriptedAudio(std::shared_ptr<ScriptedAudioControl> control) : control_(control) {
@@ -39,7 +48,12 @@ public:
 
     CaptureEventStream& events() override { return stream_; }
     Task<void> prepare() override;
-    void begin() override { ++control_->begun; }
+    void begin() override {
+        ++control_->begun;
+        if (control_->onBegin) {
+            control_->onBegin(*control_);
+        }
+    }
     void stop() override {
         ++control_->stopped;
         stream_.finish();

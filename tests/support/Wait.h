@@ -9,6 +9,7 @@
 
 #include <exception>
 #include <optional>
+#include <ostream>
 #include <type_traits>
 #include <variant>
 
@@ -49,3 +50,8 @@ template <typename T> std::exception_ptr failureOf(Task<T> task) {
 }
 
 } // namespace tessel::test
+
+// Test failures show a QString as text.
+inline void PrintTo(const QString& text, std::ostream* out) {
+    *out << '"' << text.toStdString() << '"';
+}
