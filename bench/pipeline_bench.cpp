@@ -4,11 +4,18 @@
 //     `receive` in 10 ms buffers as fast as the pipeline takes them, the
 //     producer pacing itself on the backlog so that nothing is dropped: CPU
 //     seconds of the whole process, the cost of one `receive` (median and p99)
-//     and the peak resident memory;
+//     and the peak resident memory; then the same audio through resampler,
+//     encoder and segmenter on one thread, each timed alone, for the share of
+//     each stage; what they leave of the pipeline's CPU is the hand-off between
+//     threads and everything around the stages;
 //  2. ffmpeg converting the same audio of both channels to ADTS AAC-LC 16 kHz
-//     mono 32 kbit/s: CPU seconds of its processes.
+//     mono 32 kbit/s the same way (soxr, the same downmix, the same coder): CPU
+//     seconds of its processes; and, for reference, with its own defaults.
 // Run on demand: build/bin/bench_pipeline [minutes]
+#include "audio/AACEncoder.h"
 #include "audio/AudioPipeline.h"
+#include "audio/PCMResampler.h"
+#include "upload/Segmenter.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -17,6 +24,7 @@
 
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -94,8 +102,12 @@ double selfCPU() {
     return cpuSeconds(usage);
 }
 
+// The conversion the pipeline makes: soxr, and a downmix that keeps the level.
+// ffmpeg's default is its own resampler and a downmix 3 dB louder.
+const char* const sameConversion = "aresample=osr=16000:ochl=mono:resampler=soxr:rematrix_maxval=1";
+
 // Runs ffmpeg and returns its CPU seconds, from its own rusage.
-double ffmpegCPU(const QString& wav, int loops, const QString& output) {
+double ffmpegCPU(const QString& wav, int loops, const QString& output, const char* filter) {
     const QByteArray loopText = QByteArray::number(loops - 1);
     const QByteArray in = wav.toLocal8Bit();
     const QByteArray out = output.toLocal8Bit();
@@ -108,6 +120,8 @@ double ffmpegCPU(const QString& wav, int loops, const QString& output) {
                                        loopText.constData(),
                                        "-i",
                                        in.constData(),
+                                       "-af",
+                                       filter,
                                        "-c:a",
                                        "aac",
                                        "-aac_coder",
@@ -136,6 +150,53 @@ double ffmpegCPU(const QString& wav, int loops, const QString& output) {
         std::exit(1);
     }
     return cpuSeconds(usage);
+}
+
+double threadCPU() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// CPU seconds of each stage of the encoding thread's work, each stage run on
+// its own on this thread over the same audio, a second at a time.
+struct Stages {
+    double resampling = 0;
+    double encoding = 0; // the AAC encoder and the ADTS header on each packet
+    double framing = 0;  // cutting the frames into ten-second segments
+};
+
+Stages stagesAlone(const std::vector<std::int16_t>& loop, AudioChannel channel, long buffers) {
+    const PCMFormat format{SampleType::s16, false, rate, 2};
+    PCMResampler resampler;
+    AACEncoder encoder;
+    Segmenter segmenter(channel, AudioPipeline::segmentDuration);
+    Stages stages;
+    std::vector<float> samples;
+    for (long second = 0; second * 100 < buffers; ++second) {
+        double mark = threadCPU();
+        const auto lap = [&mark](double& stage) {
+            const double now = threadCPU();
+            stage += now - mark;
+            mark = now;
+        };
+        samples.clear();
+        for (long index = second * 100; index < std::min(buffers, (second + 1) * 100); ++index) {
+            const auto offset =
+                static_cast<std::size_t>(index % buffersPerLoop) * framesPerBuffer * 2;
+            const auto part = resampler.convert(
+                PCMView::interleaved(format, loop.data() + offset, framesPerBuffer));
+            samples.insert(samples.end(), part.begin(), part.end());
+        }
+        lap(stages.resampling);
+        const std::vector<QByteArray> frames = encoder.append(samples);
+        lap(stages.encoding);
+        for (const QByteArray& frame : frames) {
+            segmenter.append(frame, static_cast<double>(second));
+        }
+        lap(stages.framing);
+    }
+    return stages;
 }
 
 std::uint64_t percentile(std::vector<std::uint32_t>& values, double fraction) {
@@ -176,7 +237,9 @@ int main(int argc, char** argv) {
     const auto wallBefore = std::chrono::steady_clock::now();
     pipeline.start();
 
+    double producerCPU = 0;
     std::thread producer([&] {
+        const double producerStart = threadCPU();
         const PCMFormat format{SampleType::s16, false, rate, 2};
         for (long index = 0; index < buffers; ++index) {
             audioTime.store(static_cast<double>(index) / 100, std::memory_order_relaxed);
@@ -192,13 +255,17 @@ int main(int argc, char** argv) {
                 receiveNanos.push_back(static_cast<std::uint32_t>(
                     std::chrono::duration_cast<std::chrono::nanoseconds>(took).count()));
             }
-            // Stay well inside the bound: a dropped buffer would flatter the figures.
-            if (pipeline.backlog() >= AudioPipeline::backlogLimit / 2) {
-                while (pipeline.backlog() > AudioPipeline::backlogLimit / 4) {
-                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+            // Stay inside the bound: a dropped buffer would flatter the figures.
+            // Each nap is a wake-up that costs CPU, so the backlog fills nearly
+            // to the bound and the nap lasts about as long as the encoding thread
+            // takes to work most of it off, never so long that it runs dry.
+            if (pipeline.backlog() >= AudioPipeline::backlogLimit - 16) {
+                for (qint64 left; (left = pipeline.backlog()) > AudioPipeline::backlogLimit / 8;) {
+                    std::this_thread::sleep_for(std::chrono::microseconds(15 * left));
                 }
             }
         }
+        producerCPU = threadCPU() - producerStart;
         pipeline.finish();
     });
 
@@ -226,8 +293,22 @@ int main(int argc, char** argv) {
     const auto median = percentile(receiveNanos, 0.5);
     const auto p99 = percentile(receiveNanos, 0.99);
 
-    const double ffmpegSeconds = ffmpegCPU(localWav, loops, directory.filePath("local.aac")) +
-                                 ffmpegCPU(remoteWav, loops, directory.filePath("remote.aac"));
+    Stages stages;
+    for (const auto& [loop, channel] :
+         {std::pair{&local, AudioChannel::local}, std::pair{&remote, AudioChannel::remote}}) {
+        const Stages alone = stagesAlone(*loop, channel, buffers);
+        stages.resampling += alone.resampling;
+        stages.encoding += alone.encoding;
+        stages.framing += alone.framing;
+    }
+    const double handOff = pipelineCPU - stages.resampling - stages.encoding - stages.framing;
+
+    const auto ffmpegBoth = [&](const char* filter) {
+        return ffmpegCPU(localWav, loops, directory.filePath("local.aac"), filter) +
+               ffmpegCPU(remoteWav, loops, directory.filePath("remote.aac"), filter);
+    };
+    const double ffmpegDefault = ffmpegBoth("anull");
+    const double ffmpegSeconds = ffmpegBoth(sameConversion);
     const qint64 ffmpegBytes = QFile(directory.filePath("local.aac")).size() +
                                QFile(directory.filePath("remote.aac")).size();
 
@@ -236,6 +317,14 @@ int main(int argc, char** argv) {
                 minutes);
     std::printf("pipeline: %.2f CPU s (%.0fx real time per channel pair), %.2f s wall\n",
                 pipelineCPU, audioSeconds / pipelineCPU, wall);
+    const auto share = [pipelineCPU](double seconds) { return 100 * seconds / pipelineCPU; };
+    std::printf("  shares, each stage timed alone: resampling %.1f%%, encoding %.1f%%, framing "
+                "%.1f%%, hand-off and the rest %.1f%%\n",
+                share(stages.resampling), share(stages.encoding), share(stages.framing),
+                share(handOff));
+    std::printf(
+        "  of which the producer thread (its calls to receive and its pacing): %.2f CPU s\n",
+        producerCPU);
     std::printf("  receive: median %llu ns, p99 %llu ns (%zu calls)\n",
                 static_cast<unsigned long long>(median), static_cast<unsigned long long>(p99),
                 receiveNanos.size());
@@ -243,9 +332,11 @@ int main(int argc, char** argv) {
     std::printf("  output: %d segments, %.1f MB, %.1f kbit/s per channel, %d failures\n", segments,
                 static_cast<double>(segmentBytes) / 1e6,
                 static_cast<double>(segmentBytes) * 8 / audioSeconds / 2 / 1000, failures);
-    std::printf(
-        "ffmpeg (aac fast coder, 32k, 16 kHz mono, adts): %.2f CPU s, %.1f kbit/s per channel\n",
-        ffmpegSeconds, static_cast<double>(ffmpegBytes) * 8 / audioSeconds / 2 / 1000);
+    std::printf("ffmpeg, the same conversion (soxr, level-keeping downmix, aac fast coder, 32k, "
+                "16 kHz mono, adts): %.2f CPU s, %.1f kbit/s per channel\n",
+                ffmpegSeconds, static_cast<double>(ffmpegBytes) * 8 / audioSeconds / 2 / 1000);
     std::printf("ratio pipeline / ffmpeg CPU: %.2f\n", pipelineCPU / ffmpegSeconds);
+    std::printf("  against ffmpeg's own resampler and downmix (%.2f CPU s): %.2f\n", ffmpegDefault,
+                pipelineCPU / ffmpegDefault);
     return failures == 0 ? 0 : 1;
 }

@@ -59,12 +59,20 @@ public:
         if (planes < 0 || planeBytes > limit / static_cast<std::size_t>(std::max(planes, 1))) {
             return nullptr;
         }
-        void* memory = ::operator new(
-            sizeof(BufferJob) + planeBytes * static_cast<std::size_t>(planes), std::nothrow);
+        // A block the encoding thread gave back is reused; only a new stream, a
+        // larger buffer or a backlog allocates.
+        const std::size_t wanted =
+            sizeof(BufferJob) + planeBytes * static_cast<std::size_t>(planes);
+        std::size_t size = wanted;
+        void* memory = pipeline.recyclers_[indexOf(channel)].take(wanted, size);
+        if (!memory) {
+            size = wanted;
+            memory = ::operator new(wanted, std::nothrow);
+        }
         if (!memory) {
             return nullptr;
         }
-        auto* job = new (memory) BufferJob(pipeline, source, channel, planeBytes);
+        auto* job = new (memory) BufferJob(pipeline, source, channel, planeBytes, size);
         for (int plane = 0; plane < planes; ++plane) {
             std::byte* target = job->bytes() + static_cast<std::size_t>(plane) * planeBytes;
             if (const std::byte* data = source.planes[static_cast<std::size_t>(plane)]) {
@@ -76,7 +84,15 @@ public:
         return job;
     }
 
-    static void operator delete(void* memory) { ::operator delete(memory); }
+    // The block goes back to the channel's audio thread.
+    static void operator delete(BufferJob* job, std::destroying_delete_t) {
+        BlockRecycler& recycler = job->pipeline_.recyclers_[indexOf(job->channel)];
+        const std::size_t size = job->blockSize_;
+        job->~BufferJob();
+        if (!recycler.give(job, size)) {
+            ::operator delete(static_cast<void*>(job));
+        }
+    }
 
     void run() noexcept override { pipeline_.process(*this); }
 
@@ -95,9 +111,9 @@ public:
 
 private:
     BufferJob(AudioPipeline& pipeline, const PCMView& source, AudioChannel channel,
-              std::size_t planeBytes)
+              std::size_t planeBytes, std::size_t blockSize)
         : channel(channel), pipeline_(pipeline), format(source.format), frames(source.frames),
-          planeBytes_(planeBytes) {}
+          planeBytes_(planeBytes), blockSize_(blockSize) {}
 
     std::byte* bytes() const {
         return reinterpret_cast<std::byte*>(const_cast<BufferJob*>(this + 1));
@@ -107,6 +123,7 @@ private:
     const PCMFormat format;
     const std::int64_t frames;
     const std::size_t planeBytes_;
+    const std::size_t blockSize_;
 };
 
 AudioPipeline::AudioPipeline(Options options) : options_(std::move(options)) {}

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "async/Async.h"
+#include "audio/BlockRecycler.h"
 #include "audio/PCMBuffer.h"
 #include "audio/SerialQueue.h"
 #include "capture/CaptureAudio.h"
@@ -56,8 +57,9 @@ public:
     void start();
 
     // Real-time threads. Copies the buffer and hands it to the encoding thread:
-    // one short lock for the backlog count, one allocation, one bounded copy, one
-    // clock read, one wait-free hand-off. Never fails, never waits for encoding.
+    // one short lock for the backlog count, one allocation (in a steady stream a
+    // block given back by the encoding thread), one bounded copy, one clock read,
+    // one wait-free hand-off. Never fails, never waits for encoding.
     void receive(const PCMView& buffer, AudioChannel channel) noexcept;
 
     // Flushes resamplers and encoders, cuts the last segments (local, then
@@ -97,6 +99,9 @@ private:
     mutable std::mutex backlogMutex_;
     qint64 backlog_ = 0;            // under backlogMutex_
     bool overflowReported_ = false; // under backlogMutex_; never cleared
+
+    // The copies' memory, per channel, back from the encoding thread.
+    std::array<BlockRecycler, 2> recyclers_;
 
     // Last: it goes first, running the jobs that still use the members above.
     SerialQueue queue_{"tessel.encoding"};

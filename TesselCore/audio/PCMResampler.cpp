@@ -11,6 +11,7 @@ extern "C" {
 #include <array>
 #include <limits>
 #include <new>
+#include <type_traits>
 
 using namespace Qt::StringLiterals;
 
@@ -58,17 +59,73 @@ float* grow(std::vector<float>& out, std::size_t extra, const QString& whenOutOf
 const QString allocationFailed =
     u"Could not allocate an audio buffer — stop this call and free memory before restarting."_s;
 
+// Mono and stereo, nearly every device, are folded to float mono here in one
+// pass, so the library only resamples: its own conversion and downmix passes
+// cost about as much again as the resampling. Stereo folds as the library's
+// downmix does with a unit maximum: half of each side.
+bool foldsHere(const PCMFormat& format) {
+    return format.channels <= 2;
+}
+
+template <typename T> float unit(T sample) {
+    if constexpr (std::is_same_v<T, std::uint8_t>) {
+        return (static_cast<float>(sample) - 128.0f) * (1.0f / 128.0f);
+    } else if constexpr (std::is_same_v<T, std::int16_t>) {
+        return static_cast<float>(sample) * (1.0f / 32768.0f);
+    } else if constexpr (std::is_same_v<T, std::int32_t>) {
+        return static_cast<float>(sample) * (1.0f / 2147483648.0f);
+    } else {
+        return static_cast<float>(sample);
+    }
+}
+
+template <typename T> void foldInto(const PCMView& buffer, float* out) {
+    const auto frames = static_cast<std::size_t>(buffer.frames);
+    const auto* first = reinterpret_cast<const T*>(buffer.planes[0]);
+    if (buffer.format.channels == 1) {
+        for (std::size_t i = 0; i < frames; ++i) {
+            out[i] = unit(first[i]);
+        }
+    } else if (buffer.format.planar) {
+        const auto* second = reinterpret_cast<const T*>(buffer.planes[1]);
+        for (std::size_t i = 0; i < frames; ++i) {
+            out[i] = 0.5f * (unit(first[i]) + unit(second[i]));
+        }
+    } else {
+        for (std::size_t i = 0; i < frames; ++i) {
+            out[i] = 0.5f * (unit(first[2 * i]) + unit(first[2 * i + 1]));
+        }
+    }
+}
+
+void fold(const PCMView& buffer, float* out) {
+    switch (buffer.format.sample) {
+    case SampleType::u8:
+        return foldInto<std::uint8_t>(buffer, out);
+    case SampleType::s16:
+        return foldInto<std::int16_t>(buffer, out);
+    case SampleType::s32:
+        return foldInto<std::int32_t>(buffer, out);
+    case SampleType::f32:
+        return foldInto<float>(buffer, out);
+    case SampleType::f64:
+        return foldInto<double>(buffer, out);
+    }
+}
+
 } // namespace
 
 PCMResampler::PCMResampler() {
     ffmpeg::quietLogs();
 }
 
-void PCMResampler::open(const PCMFormat& format) {
-    const AVSampleFormat input = sampleFormat(format);
-    if (!format.isValid() || input == AV_SAMPLE_FMT_NONE) {
+void PCMResampler::open(const PCMFormat& device) {
+    if (!device.isValid() || sampleFormat(device) == AV_SAMPLE_FMT_NONE) {
         cannotResample();
     }
+    const PCMFormat format =
+        foldsHere(device) ? PCMFormat{SampleType::f32, false, device.rate, 1} : device;
+    const AVSampleFormat input = sampleFormat(format);
     // The library takes the layouts by non-const pointer: pass copies.
     AVChannelLayout inLayout{};
     AVChannelLayout outLayout{};
@@ -95,7 +152,7 @@ void PCMResampler::open(const PCMFormat& format) {
         }
     }
     context_ = std::move(context);
-    inputFormat_ = format;
+    inputFormat_ = device;
 }
 
 bool PCMResampler::drain(std::vector<float>& out) {
@@ -147,6 +204,15 @@ std::vector<float> PCMResampler::convert(const PCMView& buffer) {
         if (!planes[index] && index < static_cast<std::size_t>(buffer.format.planes())) {
             resamplingFailed();
         }
+    }
+    if (foldsHere(buffer.format)) {
+        try {
+            folded_.resize(static_cast<std::size_t>(frames));
+        } catch (const std::bad_alloc&) {
+            throw TesselError(allocationFailed);
+        }
+        fold(buffer, folded_.data());
+        planes = {reinterpret_cast<const std::uint8_t*>(folded_.data())};
     }
     const int produced = swr_convert(context_.get(), &target, capacity, planes.data(), frames);
     if (produced < 0) {

@@ -25,12 +25,13 @@ public:
     std::vector<float> finish();
 
 private:
-    void open(const PCMFormat& format);
+    void open(const PCMFormat& device);
     // Appends what the conversion still holds; false when the library failed.
     bool drain(std::vector<float>& out);
 
     ffmpeg::Resampler context_;
-    std::optional<PCMFormat> inputFormat_;
+    std::optional<PCMFormat> inputFormat_; // the device's format, before folding
+    std::vector<float> folded_;            // a mono or stereo buffer as float mono
 };
 
 } // namespace tessel

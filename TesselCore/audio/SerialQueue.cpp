@@ -2,7 +2,11 @@
 
 #include <pthread.h>
 
-#include <cerrno>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -26,7 +30,6 @@ private:
 SerialQueue::SerialQueue(const char* name) : head_(nullptr), tail_(nullptr), stub_(new Stub) {
     head_.store(stub_, std::memory_order_relaxed);
     tail_ = stub_;
-    sem_init(&available_, 0, 0);
     thread_ = std::thread([this] { loop(); });
     pthread_setname_np(thread_.native_handle(), name);
 }
@@ -34,19 +37,21 @@ SerialQueue::SerialQueue(const char* name) : head_(nullptr), tail_(nullptr), stu
 SerialQueue::~SerialQueue() {
     async([this] { running_ = false; });
     thread_.join();
-    sem_destroy(&available_);
     delete stub_;
 }
 
 void SerialQueue::push(Job* job) noexcept {
     job->next_.store(nullptr, std::memory_order_relaxed);
-    Job* previous = head_.exchange(job, std::memory_order_acq_rel);
+    Job* previous = head_.exchange(job, std::memory_order_seq_cst);
     previous->next_.store(job, std::memory_order_release);
 }
 
 void SerialQueue::post(Job* job) noexcept {
     push(job);
-    sem_post(&available_);
+    if (sleeping_.load(std::memory_order_seq_cst)) {
+        wakeups_.fetch_add(1, std::memory_order_release);
+        syscall(SYS_futex, &wakeups_, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    }
 }
 
 void SerialQueue::async(std::function<void()> work) {
@@ -91,8 +96,8 @@ void SerialQueue::cancelTimer() {
     timer_.reset();
 }
 
-// The next job, or null when a producer has swapped the head but not linked its
-// job yet; that link is a store away, so the caller retries.
+// The next job, or null when there is none or a producer has swapped the head
+// but not linked its job yet (that link is a store away).
 SerialQueue::Job* SerialQueue::pop() {
     Job* tail = tail_;
     Job* next = tail->next_.load(std::memory_order_acquire);
@@ -111,7 +116,7 @@ SerialQueue::Job* SerialQueue::pop() {
     if (tail != head_.load(std::memory_order_acquire)) {
         return nullptr;
     }
-    push(stub_); // not work: no count for it
+    push(stub_); // behind the last job, so that it can be taken
     next = tail->next_.load(std::memory_order_acquire);
     if (next) {
         tail_ = next;
@@ -120,44 +125,55 @@ SerialQueue::Job* SerialQueue::pop() {
     return nullptr;
 }
 
-// Returns when a job is available; runs the timer while none is.
-void SerialQueue::waitForWork() {
-    for (;;) {
-        if (!timer_) {
-            while (sem_wait(&available_) != 0 && errno == EINTR) {
-            }
-            return;
-        }
-        const auto deadline = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                  timer_->deadline.time_since_epoch())
-                                  .count();
-        const timespec until{static_cast<time_t>(deadline / 1'000'000'000),
-                             static_cast<long>(deadline % 1'000'000'000)};
-        if (sem_clockwait(&available_, CLOCK_MONOTONIC, &until) == 0) {
-            return;
-        }
-        if (errno != ETIMEDOUT) {
-            continue;
-        }
-        // A late handler fires once, not once per missed period.
-        const auto now = std::chrono::steady_clock::now();
-        while (timer_->deadline <= now) {
-            timer_->deadline += timer_->period;
-        }
-        auto handler = timer_->handler; // it may cancel or replace the timer
-        handler();
+// No job, and none half linked: only the stub is left.
+bool SerialQueue::quiet() const {
+    return tail_ == stub_ && head_.load(std::memory_order_seq_cst) == stub_;
+}
+
+void SerialQueue::runTimerIfDue() {
+    const auto now = std::chrono::steady_clock::now();
+    if (!timer_ || timer_->deadline > now) {
+        return;
     }
+    // A late handler fires once, not once per missed period.
+    while (timer_->deadline <= now) {
+        timer_->deadline += timer_->period;
+    }
+    auto handler = timer_->handler; // it may cancel or replace the timer
+    handler();
+}
+
+// Until a producer wakes the thread, or the timer is due.
+void SerialQueue::sleep() {
+    const std::uint32_t seen = wakeups_.load(std::memory_order_acquire);
+    sleeping_.store(true, std::memory_order_seq_cst);
+    if (quiet()) {
+        timespec timeout{};
+        if (timer_) {
+            const auto left = std::max(timer_->deadline - std::chrono::steady_clock::now(),
+                                       std::chrono::steady_clock::duration::zero());
+            const auto nanoseconds =
+                std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+            timeout = {static_cast<time_t>(nanoseconds / 1'000'000'000),
+                       static_cast<long>(nanoseconds % 1'000'000'000)};
+        }
+        syscall(SYS_futex, &wakeups_, FUTEX_WAIT_PRIVATE, seen, timer_ ? &timeout : nullptr,
+                nullptr, 0);
+    }
+    sleeping_.store(false, std::memory_order_relaxed);
 }
 
 void SerialQueue::loop() {
     while (running_) {
-        waitForWork();
-        Job* job = nullptr;
-        while (!(job = pop())) {
-            std::this_thread::yield();
+        runTimerIfDue();
+        if (Job* job = pop()) {
+            job->run();
+            delete job;
+        } else if (quiet()) {
+            sleep();
+        } else {
+            std::this_thread::yield(); // a producer is between its two steps
         }
-        job->run();
-        delete job;
     }
 }
 

@@ -1,12 +1,12 @@
 // One thread that runs jobs one at a time, in the order they were handed over,
 // and optionally a periodic timer between them. Handing over a prepared job
-// never locks and never allocates, so real-time threads may do it.
+// never locks and never allocates, so real-time threads may do it; it makes a
+// system call only when the thread sleeps for want of work.
 #pragma once
-
-#include <semaphore.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <thread>
@@ -42,7 +42,8 @@ public:
     void sync(const std::function<void()>& work);
 
     // Queue thread only. Calls `handler` every `period` seconds between jobs, the
-    // first time one period from now; replaces any timer set before.
+    // first time one period from now, also while jobs keep coming; replaces any
+    // timer set before.
     void setTimer(double period, std::function<void()> handler);
     void cancelTimer();
 
@@ -54,15 +55,22 @@ private:
     void push(Job* job) noexcept;
     void loop();
     Job* pop();
-    void waitForWork();
+    bool quiet() const;
+    void runTimerIfDue();
+    void sleep();
 
     // Intrusive many-producer, one-consumer list (D. Vyukov): producers swap
     // `head_`, the thread walks from `tail_`.
     std::atomic<Job*> head_;
     Job* tail_;
     Job* stub_;
-    sem_t available_; // one count per posted job; sem_post is safe on any thread
     bool running_ = true;
+
+    // The thread says it is about to sleep, then looks at the list once more;
+    // a producer links its job, then looks whether the thread sleeps. With both
+    // in one total order, one of them sees the other.
+    std::atomic<bool> sleeping_{false};
+    std::atomic<std::uint32_t> wakeups_{0}; // the futex a sleeping thread waits on
 
     struct Timer {
         std::chrono::steady_clock::duration period;
