@@ -37,16 +37,6 @@ protected:
     static Task<void> ignore(BeginProgress) { co_return; }
 };
 
-QString wordsOf(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Failure& failure) {
-        return failure.description();
-    } catch (...) {
-        return "?";
-    }
-}
-
 // The status of a refused request; 0 for any other failure.
 qint64 statusOf(const std::exception_ptr& error) {
     try {

@@ -40,14 +40,7 @@ protected:
             CaptureCLI::run(arguments, {ScriptedAudio::maker(audio), clock,
                                         [this](const QString& line) { printed << line; }}));
         ranFor = clock.now() - from;
-        if (!failure) {
-            return std::nullopt;
-        }
-        try {
-            std::rethrow_exception(failure);
-        } catch (const Failure& error) {
-            return error.description();
-        }
+        return wordsOf(failure);
     }
     // At begin the source cuts this many segments on each track.
     void cut(int local, int remote) {

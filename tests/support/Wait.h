@@ -4,12 +4,13 @@
 #pragma once
 
 #include "async/Async.h"
+#include "errors/Failures.h"
+#include "support/QtPrint.h"
 
 #include <QCoroTask>
 
 #include <exception>
 #include <optional>
-#include <ostream>
 #include <type_traits>
 #include <variant>
 
@@ -49,9 +50,20 @@ template <typename T> std::exception_ptr failureOf(Task<T> task) {
     return nullptr;
 }
 
-} // namespace tessel::test
-
-// Test failures show a QString as text.
-inline void PrintTo(const QString& text, std::ostream* out) {
-    *out << '"' << text.toStdString() << '"';
+// The words a failure shows a person, or none when there was no failure.
+inline std::optional<QString> wordsOf(const std::exception_ptr& error) {
+    if (!error) {
+        return std::nullopt;
+    }
+    try {
+        std::rethrow_exception(error);
+    } catch (const Failure& failure) {
+        return failure.description();
+    } catch (const std::exception& other) {
+        return QString::fromUtf8(other.what());
+    } catch (...) {
+        return QStringLiteral("?");
+    }
 }
+
+} // namespace tessel::test

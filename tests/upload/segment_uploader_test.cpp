@@ -46,16 +46,6 @@ protected:
     }
 };
 
-QString wordsOf(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Failure& failure) {
-        return failure.description();
-    } catch (...) {
-        return QStringLiteral("?");
-    }
-}
-
 } // namespace
 
 TEST_F(SegmentUploaderTest, PresignPutCompleteWithNoTokenOnThePutAndOnlyOnce) {

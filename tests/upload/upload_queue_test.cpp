@@ -1,5 +1,5 @@
 // The queue with a scripted uploader and virtual time: order per channel,
-// independent back-off, the sign-in pause, the memory bound, flush and cancel.
+// independent back-off, the sign-in pause, the memory bound and flush.
 #include "support/FakeClock.h"
 #include "upload/UploadQueue.h"
 
@@ -204,16 +204,4 @@ TEST_F(UploadQueueTest, FlushMakesOneLastEffortAndReportsWhatIsLeft) {
     // The queue keeps working: a second flush gets it up.
     test::wait(queue->flush());
     EXPECT_EQ(queue->status(), (UploadStatus{1, 1, 0, QStringLiteral("Uploads resumed")}));
-}
-
-TEST_F(UploadQueueTest, CancelGivesUpTheAudioAndRefusesMore) {
-    uploads.holding[AudioChannel::local] = true;
-    queue->enqueue(segment(AudioChannel::local, 0));
-    queue->enqueue(segment(AudioChannel::local, 1));
-    FakeClock::settle();
-    queue->cancel();
-    uploads.release(AudioChannel::local);
-    EXPECT_EQ(queue->status(), (UploadStatus{0, 0, 0, std::nullopt}));
-    EXPECT_THROW(queue->enqueue(segment(AudioChannel::local, 2)), Cancelled);
-    EXPECT_EQ(queue->status().pending, 0);
 }
