@@ -91,6 +91,12 @@ QString refusal(const QString& path, int status) {
 
 } // namespace
 
+Downloader downloader(HTTPClient client) {
+    return [client](QUrl url, QString path, CancellationToken token) {
+        return client.download(std::move(url), std::move(path), std::move(token));
+    };
+}
+
 bool isArchive(const QUrl& url) {
     return QFileInfo(url.path()).suffix().toLower() == u"zip"_s;
 }

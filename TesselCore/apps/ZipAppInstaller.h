@@ -6,6 +6,7 @@
 
 #include "apps/AppRegistry.h"
 #include "async/Async.h"
+#include "net/HTTPClient.h"
 
 #include <QString>
 #include <QStringList>
@@ -23,6 +24,9 @@ using Downloader =
     std::function<Task<int>(QUrl url, QString destinationPath, CancellationToken token)>;
 
 namespace ZipAppInstaller {
+
+// The real download: `HTTPClient::download`, which follows redirects.
+Downloader downloader(HTTPClient client);
 
 inline const QString systemApplications = QStringLiteral("/Applications");
 inline const QString zipinfo = QStringLiteral("/usr/bin/zipinfo");

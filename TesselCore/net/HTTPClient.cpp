@@ -141,6 +141,13 @@ Task<HTTPResponse> HTTPClient::send(HTTPRequest request, CancellationToken token
     co_return response;
 }
 
+Task<int> HTTPClient::download(QUrl url, QString path, CancellationToken token) const {
+    // The copy keeps the transport alive for the whole download.
+    const auto session = session_;
+    token.check();
+    co_return co_await session->transport_->download(std::move(url), std::move(path), token);
+}
+
 Task<QByteArray> HTTPClient::checked(HTTPRequest request, CancellationToken token) const {
     const QString path = reportingPath(request.url);
     HTTPResponse response = co_await send(std::move(request), std::move(token));

@@ -1,5 +1,7 @@
 #include "net/HTTPTransport.h"
 
+#include "errors/SystemError.h"
+
 #include <QCoreApplication>
 #include <QFile>
 #include <QSocketNotifier>
@@ -10,6 +12,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <coroutine>
 #include <cstring>
 #include <limits>
@@ -25,6 +28,8 @@ struct Transfer {
     QByteArray method;
     QByteArray body; // curl reads it in place: it lives as long as the transfer
     QByteArray received;
+    QFile* file = nullptr; // a download's body goes here instead
+    int fileError = 0;
     char errorText[CURL_ERROR_SIZE] = {};
 
     double idleLimit = 30;
@@ -64,8 +69,14 @@ void initialiseOnce() {
 
 size_t onBody(char* data, size_t size, size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
-    transfer->received.append(data, static_cast<qsizetype>(size * count));
+    const auto length = static_cast<qsizetype>(size * count);
     transfer->lastProgress = monotonicNow();
+    if (!transfer->file) {
+        transfer->received.append(data, length);
+    } else if (transfer->file->write(data, length) != length) {
+        transfer->fileError = errno ? errno : EIO;
+        return 0; // ends the transfer
+    }
     return size * count;
 }
 
@@ -310,6 +321,60 @@ Task<HTTPResponse> HTTPTransport::perform(HTTPRequest request, CancellationToken
         throw TesselError(notHTTP);
     }
     co_return HTTPResponse{std::move(t.received), static_cast<int>(t.status)};
+}
+
+Task<int> HTTPTransport::download(QUrl url, QString path, CancellationToken token) {
+    if (!caProblem_.isEmpty()) {
+        throw TesselError(caProblem_);
+    }
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        throw SystemError(path, errno ? errno : EACCES);
+    }
+    auto transfer = std::make_shared<Transfer>();
+    Transfer& t = *transfer;
+    t.easy = curl_easy_init();
+    t.url = url.toEncoded();
+    t.file = &file;
+    t.idleLimit = std::numeric_limits<double>::infinity();
+
+    // Unlike a request of the meet API, a download follows redirects and may be
+    // sent again: fetching a file changes nothing on the server.
+    CURL* easy = t.easy;
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
+    curl_easy_setopt(easy, CURLOPT_URL, t.url.constData());
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 20L);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, t.errorText);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &onBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
+    if (!extraCertificates_.empty()) {
+        curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &onTLSContext);
+        curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, &extraCertificates_);
+    }
+
+    co_await TransferAwaiter(*this, transfer, token);
+
+    if (t.ending == Ending::cancelled) {
+        throw Cancelled();
+    }
+    if (t.fileError != 0) {
+        throw SystemError(path, t.fileError);
+    }
+    if (t.result != CURLE_OK) {
+        throw urlErrorFor(t);
+    }
+    if (!file.flush()) {
+        throw SystemError(path, errno ? errno : EIO);
+    }
+    co_return t.status < 100 ? 0 : static_cast<int>(t.status);
 }
 
 void HTTPTransport::start(const std::shared_ptr<Transfer>& transfer,

@@ -34,6 +34,12 @@ public:
     // once when the token ends it. Records nothing.
     Task<HTTPResponse> perform(HTTPRequest request, CancellationToken token);
 
+    // Fetches `url` into the file at `path` (created or emptied), following
+    // redirects, with no time limit: a download lasts as long as it moves.
+    // Gives the final answer's status, 0 when there was no HTTP answer. Throws
+    // `URLError`, `SystemError` when the file can't be written, `Cancelled`.
+    Task<int> download(QUrl url, QString path, CancellationToken token);
+
     // For the awaiter: hand a prepared transfer to curl, or take it back.
     void start(const std::shared_ptr<Transfer>& transfer, const CancellationToken& token);
     enum class Ending { running, finished, cancelled, timedOut };
