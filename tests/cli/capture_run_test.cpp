@@ -80,10 +80,10 @@ TEST_F(CaptureRunTest, TwentySecondsAndMoreNeedTwoSegmentsOnEachTrack) {
         {"19.9", 1, 1, std::nullopt},
         {"20", 1, 2,
          "Only local: 1, remote: 2 segments were captured — enable both audio "
-         "permissions and play the call on this Mac, then rerun the proof."},
+         "permissions and play the call on this computer, then rerun the proof."},
         {"1", 1, 0,
          "Only local: 1, remote: 0 segments were captured — enable both audio "
-         "permissions and play the call on this Mac, then rerun the proof."},
+         "permissions and play the call on this computer, then rerun the proof."},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.seconds);
