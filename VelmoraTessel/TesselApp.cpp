@@ -172,6 +172,7 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
         },
         PopoverView::Sources{
             .infra = infra_.get(),
+            .helpers = helpers_.get(),
             .notifications = notifications_.get(),
             .appOptions = [host = endpoints_.defaultOrgHost, secrets,
                            http = HTTPClient(session)] { return appOptions(host, secrets, http); },

@@ -5,6 +5,7 @@
 #include "ui/AppsView.h"
 #include "ui/CaptureStatusView.h"
 #include "ui/ErrorNotice.h"
+#include "ui/HelpersStateStrip.h"
 #include "ui/IdleBlock.h"
 #include "ui/InboxBlock.h"
 #include "ui/InfraView.h"
@@ -49,6 +50,7 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
                       },
                       this);
     outer_->addWidget(infraView_);
+    outer_->addWidget(new HelpersStateStrip(sources.helpers, this));
     outer_->addWidget(divider(this));
 
     connect(&model, &AppModel::changed, this, &PopoverView::scheduleRebuild);
@@ -87,7 +89,7 @@ void PopoverView::setSubscriptions(SubscriptionsModel* subscriptions) {
     }
     subscriptions_ = subscriptions;
     // Below the infrastructure, with a divider of its own.
-    const int at = outer_->indexOf(infraView_) + 2;
+    const int at = outer_->indexOf(infraView_) + 3;
     outer_->insertWidget(
         at, new SubscriptionsSummaryRow(
                 *subscriptions, [this] { openWorkspace(QStringLiteral("subscriptions")); }, this));

@@ -11,6 +11,7 @@
 #include "infra/InfraModel.h"
 #include "notify/NotifyFeedModel.h"
 #include "subscriptions/SubscriptionsModel.h"
+#include "tools/HelpersModel.h"
 
 #include <QPointer>
 #include <QWidget>
@@ -28,6 +29,7 @@ class InfraView;
 // The models shown beside the application model; either may be absent.
 struct PopoverSources {
     InfraModel* infra = nullptr;
+    HelpersModel* helpers = nullptr;
     NotifyFeedModel* notifications = nullptr;
     // The sibling applications and their launcher; the popover adds the
     // organisation, the Meet row's lobby and its own dismissal.

@@ -5,6 +5,7 @@
 #include "identity/UserDefaults.h"
 #include "ui/CallWindow.h"
 #include "ui/CaptureStatusView.h"
+#include "ui/HelpersStateStrip.h"
 #include "ui/LoginWindow.h"
 #include "ui/SubscriptionCard.h"
 #include "ui/SubscriptionsSummaryRow.h"
@@ -311,6 +312,41 @@ TEST_F(WindowsTest, ClosingLoginEndsThePolling) {
     wait(sleepFor(0.5));
     EXPECT_EQ(tokenPolls(), polls);
     EXPECT_FALSE(model->signingIn());
+}
+
+// The strip says what the helper tools need, in the order failure, missing
+// Python, installing; its buttons run the model again.
+TEST(ViewsTest, HelpersStripFollowsTheModel) {
+    std::optional<QString> failure = QStringLiteral("Helper tools could not be installed.");
+    ToolOutput python{QString(), QString(), 0};
+    HelpersModel model{{
+        [&]() -> Task<void> {
+            co_await sleepFor(0.05);
+            if (failure) {
+                throw TesselError(*failure);
+            }
+        },
+        [&](QStringList, CancellationToken) -> Task<ToolOutput> { co_return python; },
+        [](QStringList, CancellationToken) -> Task<ToolOutput> { co_return ToolOutput{}; },
+    }};
+    HelpersStateStrip strip(&model);
+    EXPECT_TRUE(strip.isHidden());
+
+    wait(model.installIfNeeded());
+    EXPECT_EQ(lines(&strip), QStringList{*failure});
+    failure.reset();
+    python = {QString(), QStringLiteral("not found"), 127};
+    auto* retry = strip.findChild<QPushButton*>(QString(), Qt::FindDirectChildrenOnly);
+    ASSERT_TRUE(retry && retry->text() == QStringLiteral("Retry"));
+    retry->click();
+    EXPECT_EQ(lines(&strip), QStringList{QStringLiteral("Installing helpers…")});
+    ASSERT_TRUE(eventually([&] { return !model.busy(); }, 5));
+    EXPECT_EQ(lines(&strip), QStringList{HelpersModel::pythonMissingLine});
+    bool offered = false;
+    for (auto* button : strip.findChildren<QPushButton*>()) {
+        offered |= !button->isHidden() && button->text() == QStringLiteral("Install…");
+    }
+    EXPECT_TRUE(offered);
 }
 
 } // namespace
