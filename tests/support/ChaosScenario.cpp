@@ -117,7 +117,9 @@ ChaosOutcome runChaos(unsigned seed, int segmentsPerChannel) {
                         track,
                     segmentsPerChannel);
     }
-    for (const auto& call : server.state()["meetings"]) {
+    // Held by name: a loop over a part of a temporary would read freed memory.
+    const auto state = server.state();
+    for (const auto& call : state["meetings"]) {
         bool closed = call.value("status", "") == "ended";
         for (const auto& part : call["parts"]) {
             closed = closed && part.value("state", "") == "stopped";
