@@ -238,10 +238,24 @@ void PopoverView::rebuild() {
     delete footer_;
     footer_ = footer();
     outer_->addWidget(footer_);
-    // 340 wide, as tall as the rows need.
+    fitHeight();
+}
+
+// 340 wide, as tall as the rows need.
+void PopoverView::fitHeight() {
     outer_->activate();
     resize(width(), outer_->hasHeightForWidth() ? outer_->totalHeightForWidth(width())
                                                 : outer_->totalSizeHint().height());
+}
+
+// The apps, the infrastructure and the helpers' strip change on their own
+// time; the popover grows or shrinks with them instead of squeezing its rows.
+bool PopoverView::event(QEvent* event) {
+    const bool handled = QWidget::event(event);
+    if (event->type() == QEvent::LayoutRequest && outer_) {
+        fitHeight();
+    }
+    return handled;
 }
 
 // The apps of the organisation shown: made again when it changes.

@@ -61,9 +61,11 @@ public:
 
 protected:
     void showEvent(QShowEvent* event) override;
+    bool event(QEvent* event) override;
 
 private:
     void scheduleRebuild();
+    void fitHeight();
     void refreshEverything();
     void refreshSubscriptions(bool fresh);
     void updateApps();
