@@ -84,6 +84,11 @@ CaptureSession::CaptureSession(MeetAPI api, MakeAudio makeAudio, Clock clock, QO
 
 CaptureSession::~CaptureSession() {
     cancelMonitor();
+    // Nobody is left to stop the call: its queued audio is given up, not retried
+    // in the background forever.
+    if (queue_) {
+        queue_->cancel();
+    }
     if (hardware_) {
         hardware_->stop();
     }

@@ -301,6 +301,9 @@ TEST_F(CaptureSessionTest, UploadsThatFillTheMemoryBoundStopTheAudioAndKeepWhatI
     EXPECT_GE(audio->stopped, 1);
     session->refreshUploadStatus();
     EXPECT_EQ(session->uploads().pending, 3);
+    // Gone with its session, the queue gives its work up instead of retrying.
+    session.reset();
+    wait(sleepFor(0.1));
 }
 
 TEST_F(CaptureSessionTest, AudioFailureDuringSignInWaitsForTheSignIn) {
