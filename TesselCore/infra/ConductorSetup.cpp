@@ -32,7 +32,7 @@ constexpr std::pair<const char*, ConductorStep::Name> nameCases[] = {
     {"write-tunnel", ConductorStep::Name::writeTunnel},
     {"verify", ConductorStep::Name::verify},
 };
-constexpr std::pair<const char*, ConductorStep::State> stateCases[] = {
+constexpr std::pair<const char*, ConductorStep::State> stepStateCases[] = {
     {"running", ConductorStep::State::running},
     {"done", ConductorStep::State::done},
     {"failed", ConductorStep::State::failed},
@@ -111,7 +111,7 @@ ConductorStep ConductorStep::decode(const QString& line) {
         }
         ConductorStep step;
         step.step = choose(value, "step", nameCases);
-        step.state = choose(value, "state", stateCases);
+        step.state = choose(value, "state", stepStateCases);
         step.detail = QString::fromStdString(value.at("detail").get<std::string>());
         return step;
     } catch (const nlohmann::json::exception& error) {

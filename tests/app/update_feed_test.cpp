@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 using namespace tessel;
 using namespace tessel::test;

@@ -26,12 +26,12 @@ InfraStatus decode(const json& document) {
     return InfraStatus::decode(QByteArray::fromStdString(document.dump()));
 }
 
-json report(json orgs, json supervisor = {{"loaded", true}, {"label", "dev.velmora.agent"}}) {
+json statusReport(json orgs, json supervisor = {{"loaded", true}, {"label", "dev.velmora.agent"}}) {
     return {{"supervisor", std::move(supervisor)}, {"next_port", 7401}, {"orgs", std::move(orgs)}};
 }
 
 TEST(InfraStatusTest, DecodesOnlyTheKnownForms) {
-    const InfraStatus status = decode(report({row("https://acme.example")}));
+    const InfraStatus status = decode(statusReport({row("https://acme.example")}));
     ASSERT_EQ(status.orgs.size(), 1);
     InfraStatus::Conductor onlyState;
     onlyState.state = InfraStatus::State::running;
@@ -39,10 +39,10 @@ TEST(InfraStatusTest, DecodesOnlyTheKnownForms) {
     EXPECT_EQ(status.orgs[0].port, 7400);
     EXPECT_EQ(status.nextPort, 7401);
 
-    json paused = report({row("https://a.example"), row("https://b.example", "paused")});
-    json fractional = report(json::array());
+    json paused = statusReport({row("https://a.example"), row("https://b.example", "paused")});
+    json fractional = statusReport(json::array());
     fractional["next_port"] = 7401.5;
-    json noOrgs = report(json::array());
+    json noOrgs = statusReport(json::array());
     noOrgs.erase("orgs");
     for (const json& bad : {paused, fractional, noOrgs}) {
         EXPECT_THROW(decode(bad), DecodingError) << bad.dump();
@@ -56,8 +56,8 @@ TEST(InfraStatusTest, DecodesOnlyTheKnownForms) {
 
 TEST(InfraStatusTest, DerivedValues) {
     const InfraStatus status =
-        decode(report({row("https:///nohost"), row("https://Acme.Example/x")},
-                      {{"loaded", false}, {"label", "dev.velmora.agent"}, {"detail", ""}}));
+        decode(statusReport({row("https:///nohost"), row("https://Acme.Example/x")},
+                            {{"loaded", false}, {"label", "dev.velmora.agent"}, {"detail", ""}}));
     EXPECT_EQ(status.supervisor.humanLine(), u""_s);
     EXPECT_EQ(InfraStatus::Supervisor({false, u"dev.velmora.agent"_s, std::nullopt}).humanLine(),
               u"dev.velmora.agent is not loaded"_s);

@@ -19,8 +19,8 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-const NotifyDesktopNotification row{u"n1"_s, u"Review"_s, u"<b>ready</b> & waiting"_s,
-                                    u"/meet/calls/7"_s, false};
+const NotifyDesktopNotification sample{u"n1"_s, u"Review"_s, u"<b>ready</b> & waiting"_s,
+                                       u"/meet/calls/7"_s, false};
 
 QString failureText(const std::exception_ptr& failure) {
     try {
@@ -49,9 +49,9 @@ struct Desktop {
 
 TEST(DesktopNotifications, NotifyCarriesTheRowAndReplacesItsOwnBanner) {
     Desktop desktop;
-    ASSERT_FALSE(desktop.post(row));
-    ASSERT_FALSE(desktop.post(row)); // the same id again
-    NotifyDesktopNotification urgent = row;
+    ASSERT_FALSE(desktop.post(sample));
+    ASSERT_FALSE(desktop.post(sample)); // the same id again
+    NotifyDesktopNotification urgent = sample;
     urgent.id = u"n2"_s;
     urgent.sound = true;
     urgent.link.reset();
@@ -72,7 +72,7 @@ TEST(DesktopNotifications, NotifyCarriesTheRowAndReplacesItsOwnBanner) {
     EXPECT_EQ(calls[1][u"replaces_id"_s].toInt(), first[u"id"_s].toInt());
     EXPECT_EQ(calls[1][u"id"_s].toInt(), first[u"id"_s].toInt());
     // Without markup the server shows the text as it is.
-    EXPECT_EQ(calls[2][u"body"_s].toString(), row.body);
+    EXPECT_EQ(calls[2][u"body"_s].toString(), sample.body);
     EXPECT_EQ(calls[2][u"hints"_s][u"sound-name"_s].toString(), u"message-new-instant"_s);
     EXPECT_EQ(calls[2][u"replaces_id"_s].toInt(), 0);
     // An alert has a sound and nothing to click.
@@ -98,22 +98,22 @@ TEST(DesktopNotifications, OnlyTheDefaultActionOnOurBannerIsAClick) {
     const auto lastId = [&] {
         return uint(desktop.bus.calls(u"Notify"_s).back()[u"id"_s].toInt());
     };
-    ASSERT_FALSE(desktop.post(row));
+    ASSERT_FALSE(desktop.post(sample));
     const uint id = lastId();
 
     desktop.bus.control(u"InvokeAction"_s, {id, u"other"_s});
     desktop.bus.control(u"InvokeAction"_s, {id + 100, u"default"_s});
     clickOn(id, u"n1"_s);
     ASSERT_EQ(clicks.size(), 1u);
-    EXPECT_EQ(clicks[0], (QVariantMap{{u"id"_s, u"n1"_s}, {u"link"_s, *row.link}}));
+    EXPECT_EQ(clicks[0], (QVariantMap{{u"id"_s, u"n1"_s}, {u"link"_s, *sample.link}}));
 
     // A closed banner is forgotten: a late click on it does nothing, and the
     // row's next banner is a new one.
     desktop.bus.control(u"Close"_s, {id, 2u});
     desktop.bus.control(u"InvokeAction"_s, {id, u"default"_s});
-    ASSERT_FALSE(desktop.post(row));
+    ASSERT_FALSE(desktop.post(sample));
     EXPECT_EQ(desktop.bus.calls(u"Notify"_s).back()[u"replaces_id"_s].toInt(), 0);
-    NotifyDesktopNotification other = row;
+    NotifyDesktopNotification other = sample;
     other.id = u"n9"_s;
     ASSERT_FALSE(desktop.post(other));
     clickOn(lastId(), u"n9"_s);
@@ -125,27 +125,28 @@ TEST(DesktopNotifications, RefusalsAndCancellations) {
     // The server says no in its own words.
     desktop.bus.control(u"Refuse"_s, {u"Notify"_s, u"org.freedesktop.DBus.Error.AccessDenied"_s,
                                       u"Notifications are not allowed for this sender"_s});
-    EXPECT_EQ(failureText(desktop.post(row)), u"Notifications are not allowed for this sender"_s);
+    EXPECT_EQ(failureText(desktop.post(sample)),
+              u"Notifications are not allowed for this sender"_s);
     desktop.bus.control(u"Refuse"_s, {u"Notify"_s, QString(), QString()});
 
     // The sign-in or the switch changes while the bus answers.
     int asked = 0;
-    EXPECT_EQ(failureText(desktop.post(row, [&] { return ++asked == 1; })), u"cancelled"_s);
+    EXPECT_EQ(failureText(desktop.post(sample, [&] { return ++asked == 1; })), u"cancelled"_s);
     desktop.enabled = false;
-    EXPECT_EQ(failureText(desktop.post(row)), u"cancelled"_s);
+    EXPECT_EQ(failureText(desktop.post(sample)), u"cancelled"_s);
     EXPECT_TRUE(desktop.bus.calls(u"Notify"_s).size() == 1u); // only the refused one
 
     // No server on the bus: off.
     desktop.enabled = true;
     desktop.bus.stopServer();
-    EXPECT_EQ(failureText(desktop.post(row)), u"Desktop notifications are off."_s);
+    EXPECT_EQ(failureText(desktop.post(sample)), u"Desktop notifications are off."_s);
 }
 
 TEST(DesktopNotifications, PostsAtTheSameMomentShareOneQuestion) {
     Desktop desktop;
     desktop.bus.control(u"Delay"_s, {u"GetServerInformation"_s, 300});
-    auto first = desktop.notifications.post(row, [] { return true; });
-    NotifyDesktopNotification other = row;
+    auto first = desktop.notifications.post(sample, [] { return true; });
+    NotifyDesktopNotification other = sample;
     other.id = u"n2"_s;
     auto second = desktop.notifications.post(other, [] { return true; });
     EXPECT_FALSE(failureOf(std::move(first)));

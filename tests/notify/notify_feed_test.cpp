@@ -13,6 +13,7 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 using namespace tessel;
 using namespace tessel::test;

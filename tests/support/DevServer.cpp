@@ -3,6 +3,7 @@
 #include <QDeadlineTimer>
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <signal.h>
 #include <sys/prctl.h>

@@ -5,12 +5,16 @@
 
 #include <QProcess>
 
-#include <httplib.h>
 #include <nlohmann/json.hpp>
 
 #include <memory>
 #include <string>
 #include <vector>
+
+// The HTTP library's header is large; only the tests that use client() include it.
+namespace httplib {
+class Client;
+}
 
 namespace tessel::test {
 
