@@ -49,6 +49,11 @@ public:
         // A PEM file of CA certificates trusted besides the system's, so a
         // local server's own certificate verifies; empty for none.
         QString caFile;
+        // A connection idle this long is not used again (whole seconds, at
+        // least 1). Many servers close a connection after 5 idle seconds
+        // (Apache's and the local server's default); a request sent into one
+        // as it closes is lost, and is never sent twice here.
+        double reuseIdleSeconds = 4;
     };
 
     HTTPSession();

@@ -22,6 +22,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 using namespace tessel;
@@ -112,10 +113,13 @@ private:
 // A bare HTTP/1.1 server on a socket of its own, one connection at a time: it
 // answers every request "ok" on a kept-alive connection, except the one numbered
 // `silentAt`, which it reads whole and then closes the connection on without a
-// byte of answer, as when a server acted and the answer was lost.
+// byte of answer, as when a server acted and the answer was lost. A request on a
+// connection idle for more than `idleClose` seconds meets the same end, as when
+// the server's close of an idle connection crossed it on the way.
 class SilentServer {
 public:
-    explicit SilentServer(int silentAt) : silentAt_(silentAt) {
+    explicit SilentServer(int silentAt, double idleClose = 1e9)
+        : silentAt_(silentAt), idleClose_(idleClose) {
         listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -168,6 +172,7 @@ private:
         for (int connection = 1; readable(listener_); ++connection) {
             const int fd = ::accept(listener_, nullptr, nullptr);
             std::string buffer;
+            std::optional<double> answered;
             for (;;) {
                 const auto end = buffer.find("\r\n\r\n");
                 const auto lengthAt = buffer.find("Content-Length: ");
@@ -181,19 +186,22 @@ private:
                 buffer.erase(0, end + 4 + length);
                 std::unique_lock lock(mutex_);
                 requests_.push_back(connection);
-                const bool silent = static_cast<int>(requests_.size()) == silentAt_;
+                const bool silent = static_cast<int>(requests_.size()) == silentAt_ ||
+                                    (answered && monotonicNow() - *answered > idleClose_);
                 lock.unlock();
                 if (silent) {
                     break;
                 }
                 const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
                 ::send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+                answered = monotonicNow();
             }
             ::close(fd);
         }
     }
 
     const int silentAt_;
+    const double idleClose_;
     int listener_ = -1;
     int port_ = 0;
     std::atomic<bool> stopping_{false};
@@ -391,6 +399,23 @@ TEST(HTTPClientTransport, ARequestWhoseAnswerIsLostLeavesOnceOnAFreshOrAReusedCo
             EXPECT_EQ(client.latestFailure()->humanLine, HTTPFailure::serverUnavailableLine);
         }
     }
+}
+
+// A server that closes idle connections a little after the client stops reusing
+// them (5 s and 4 s in use, 1.5 s and 1 s here): a connection idle between the
+// two is not reused, one idle for less still is.
+TEST(HTTPClientTransport, AConnectionIdlePastTheLimitIsNotReused) {
+    SilentServer server(0, 1.5);
+    HTTPSession::Options options;
+    options.reuseIdleSeconds = 1;
+    HTTPClient client(std::make_shared<HTTPSession>(options));
+    const HTTPRequest request = get(server.url("/act"));
+    EXPECT_EQ(wait(client.send(request)).status, 200);
+    EXPECT_EQ(wait(client.send(request)).status, 200);
+    wait(sleepFor(1.7));
+    const auto error = failureOf(client.send(request));
+    EXPECT_FALSE(error) << "sent into the closing connection";
+    EXPECT_EQ(server.requests(), (std::vector<int>{1, 1, 2}));
 }
 
 TEST(HTTPClientTransport, TrustsTheExtraCertificateOfTheSessionAndNothingElse) {

@@ -5,11 +5,14 @@
 
 #include "Support.h"
 
+#include <condition_variable>
 #include <filesystem>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace devserver {
@@ -18,7 +21,11 @@ class Storage;
 
 class MeetModel {
 public:
-    explicit MeetModel(Storage& storage) : storage_(storage) {}
+    explicit MeetModel(Storage& storage);
+    // Writes the call indexes still owed before it returns.
+    ~MeetModel();
+    MeetModel(const MeetModel&) = delete;
+    MeetModel& operator=(const MeetModel&) = delete;
 
     // The meet API, one method per request. Bodies are JSON objects.
     Reply create(const json& body);
@@ -101,7 +108,9 @@ private:
     Reply requestRecording(Meeting& meeting, const json& body);
     Reply stopRecording(Meeting& meeting, const json& body);
     void stopPart(Part& part);
-    void writeIndex(const Meeting& meeting) const;
+    void indexChanged(const Meeting& meeting);
+    void writeIndexes();
+    static json indexJSON(const Meeting& meeting);
     static json meetingJSON(const Meeting& meeting);
     static json partJSON(const Part& part, const Meeting& meeting);
 
@@ -110,6 +119,11 @@ private:
     std::map<std::string, Meeting> meetings_;
     std::vector<std::string> order_; // ids in creation order
     json defaultNotice_ = 3;
+    // Calls whose index on disk is behind, for the index writer's thread.
+    std::set<std::string> staleIndexes_;
+    std::condition_variable indexWanted_;
+    bool closing_ = false;
+    std::thread indexWriter_;
 };
 
 } // namespace devserver

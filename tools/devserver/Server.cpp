@@ -177,6 +177,9 @@ Server::Server(Options options)
     // Headers and body go out in separate writes; without this, Nagle holds
     // the body until the client's delayed acknowledgement, 40 ms a request.
     http_->set_tcp_nodelay(true);
+    // httplib closes a connection after 5 requests by default, so a client
+    // connected anew for every second segment; nginx allows 1,000.
+    http_->set_keep_alive_max_count(1000);
     // Delay faults may stall a handler for a minute; the rest must not wait.
     http_->new_task_queue = [] { return new httplib::ThreadPool(64); };
 
