@@ -12,6 +12,7 @@
 #include "ui/Toolbar.h"
 
 #include "support/AppModelRig.h"
+#include "support/HelpersRig.h"
 #include "support/Wait.h"
 
 #include <QApplication>
@@ -232,30 +233,20 @@ TEST_F(WindowsTest, ClosingLoginEndsThePolling) {
 // The strip says what the helper tools need, in the order failure, missing
 // Python, installing; its buttons run the model again.
 TEST(ViewsTest, HelpersStripFollowsTheModel) {
-    std::optional<QString> failure = QStringLiteral("Helper tools could not be installed.");
-    ToolOutput python{QString(), QString(), 0};
-    HelpersModel model{{
-        [&]() -> Task<void> {
-            co_await sleepFor(0.05);
-            if (failure) {
-                throw TesselError(*failure);
-            }
-        },
-        [&](QStringList, CancellationToken) -> Task<ToolOutput> { co_return python; },
-        [](QStringList, CancellationToken) -> Task<ToolOutput> { co_return ToolOutput{}; },
-    }};
-    HelpersStateStrip strip(&model);
+    HelpersRig rig;
+    rig.installFailure = QStringLiteral("Helper tools could not be installed.");
+    HelpersStateStrip strip(&rig.model);
     EXPECT_TRUE(strip.isHidden());
 
-    wait(model.installIfNeeded());
-    EXPECT_EQ(lines(&strip), QStringList{*failure});
-    failure.reset();
-    python = {QString(), QStringLiteral("not found"), 127};
+    wait(rig.model.installIfNeeded());
+    EXPECT_EQ(lines(&strip), QStringList{*rig.installFailure});
+    rig.installFailure.reset();
+    rig.python = {QString(), QStringLiteral("not found"), 127};
     auto* retry = strip.findChild<QPushButton*>(QString(), Qt::FindDirectChildrenOnly);
     ASSERT_TRUE(retry && retry->text() == QStringLiteral("Retry"));
     retry->click();
     EXPECT_EQ(lines(&strip), QStringList{QStringLiteral("Installing helpers…")});
-    ASSERT_TRUE(eventually([&] { return !model.busy(); }, 5));
+    ASSERT_TRUE(eventually([&] { return !rig.model.busy(); }, 5));
     EXPECT_EQ(lines(&strip), QStringList{HelpersModel::pythonMissingLine});
     bool offered = false;
     for (auto* button : strip.findChildren<QPushButton*>()) {
