@@ -1,95 +1,24 @@
 // The application model against the local server: a scripted audio source, a
 // keyring in memory, time running a hundred times faster, and a "browser"
 // that approves every sign-in code it is shown.
-#include "app/AppModel.h"
-#include "identity/UserDefaults.h"
 #include "net/HTTPFailure.h"
-#include "support/DevServer.h"
-#include "support/ScriptedAudio.h"
+#include "support/AppModelRig.h"
 #include "support/Wait.h"
 
-#include <QFile>
-#include <QTemporaryDir>
 #include <gtest/gtest.h>
-
-#include <map>
 
 using namespace tessel;
 using namespace tessel::test;
 
 namespace {
 
-constexpr double speed = 100;
-double fastNow() {
-    return monotonicNow() * speed;
-}
-Task<void> fastSleep(double seconds, CancellationToken token) {
-    return sleepFor(seconds / speed, std::move(token));
-}
-
-bool eventually(const std::function<bool()>& condition, double seconds = 15) {
-    const double deadline = monotonicNow() + seconds;
-    while (!condition()) {
-        if (monotonicNow() > deadline) {
-            return false;
-        }
-        wait(sleepFor(0.005));
-    }
-    return true;
-}
-
-// The keyring, in memory.
-class MemoryStore : public SecureStore {
-public:
-    std::optional<QByteArray> read(const QString& account) const override {
-        const auto found = items.find(account);
-        return found == items.end() ? std::nullopt : std::optional(found->second);
-    }
-    void write(const QString& account, const QByteArray& secret) const override {
-        items[account] = secret;
-    }
-    void erase(const QString& account) const override { items.erase(account); }
-    QStringList accounts() const override {
-        QStringList out;
-        for (const auto& [account, secret] : items) {
-            out << account;
-        }
-        return out;
-    }
-    mutable std::map<QString, QByteArray> items;
-};
-
 const QString alpha = "alpha.velmora.test";
 const QString beta = "beta.velmora.test";
 
-class AppModelTest : public ::testing::Test {
+class AppModelTest : public ::testing::Test, protected AppModelRig {
 protected:
     AppModelTest() {
-        QFile file(dir.filePath("endpoints.json"));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray::fromStdString(nlohmann::json{
-            {"default_org_host", alpha.toStdString()},
-            {"org_origin", server.origin()},
-            {"auth_service_url", server.origin()},
-            {"ca_file", server.certPath()}}.dump()));
-        file.close();
-        endpoints = Endpoints::load(file.fileName());
-    }
-
-    std::unique_ptr<AppModel> makeModel(bool startingServices = true) {
-        AppModel::Services services{
-            .endpoints = endpoints,
-            .defaults = std::make_shared<SettingsDefaults>(dir.filePath("defaults.conf")),
-            .secureStore = store,
-            .httpSession = std::make_shared<HTTPSession>(endpoints.httpOptions()),
-            .makeAudio = ScriptedAudio::maker(audio),
-            .captureClock = {fastNow, fastSleep},
-            .clock = {fastNow, fastSleep, [this] { return wall; }},
-            .openURL = [this](const QUrl& url) { browse(url); },
-            .updateEngine = nullptr,
-            .infra = nullptr,
-        };
-        return std::make_unique<AppModel>(std::move(services), startingServices);
+        openURL = [this](const QUrl& url) { browse(url); };
     }
 
     // The member approves any code whose page opens.
@@ -109,11 +38,6 @@ protected:
 
     bool settled() {
         return !model->loadingOpenCalls() && !model->stoppingOpenCall() && !model->signingIn();
-    }
-
-    long count(const std::string& route) {
-        const auto routes = server.routes();
-        return std::count(routes.begin(), routes.end(), route);
     }
 
     std::string statusOf(const QString& meeting) {
@@ -136,12 +60,6 @@ protected:
         return earlier->capture()->meetingID().value_or("");
     }
 
-    DevServer server{{.https = true}};
-    QTemporaryDir dir;
-    Endpoints endpoints;
-    std::shared_ptr<MemoryStore> store = std::make_shared<MemoryStore>();
-    std::shared_ptr<ScriptedAudioControl> audio = std::make_shared<ScriptedAudioControl>();
-    QDateTime wall = QDateTime::fromSecsSinceEpoch(1'900'000'000, Qt::UTC);
     std::vector<QUrl> opened;
     bool approveCodes = true;
     std::unique_ptr<AppModel> model;
@@ -160,7 +78,7 @@ TEST_F(AppModelTest, ExpiredMemberGetsTheSignInLineAndNoCapture) {
     EXPECT_FALSE(model->startingCapture());
     EXPECT_EQ(model->error(), HTTPFailure(401, "", "").humanLine());
     EXPECT_EQ(audio->prepared, 0);
-    EXPECT_EQ(count("create"), 0);
+    EXPECT_EQ(server.requests("create"), 0);
 }
 
 TEST_F(AppModelTest, LostSignInDuringStartKeepsTheCaptureAndResumesAfterSignIn) {
@@ -220,7 +138,7 @@ TEST_F(AppModelTest, ChangingOrganisationDuringAListDropsTheOldAnswer) {
     EXPECT_EQ(model->org(), beta);
     EXPECT_EQ(model->member()->token, "vses_beta_member");
 
-    ASSERT_TRUE(eventually([&] { return count("list") == 2 && settled(); }));
+    ASSERT_TRUE(eventually([&] { return server.requests("list") == 2 && settled(); }));
     EXPECT_FALSE(ghostShown);
     EXPECT_TRUE(model->openCalls().empty());
     const auto log = server.requestLog();

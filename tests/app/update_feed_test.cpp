@@ -65,13 +65,7 @@ TEST_F(Feed, ACallThatStartsDuringTheDownloadHoldsTheRelaunch) {
     // The call starts while the image comes: after the feed was read and the
     // update allowed to proceed, before the relaunch.
     auto check = feed->check();
-    const auto fed = [&] {
-        const auto routes = server.routes();
-        return std::find(routes.begin(), routes.end(), "update_feed") != routes.end();
-    };
-    while (!fed()) {
-        wait(sleepFor(0.01));
-    }
+    ASSERT_TRUE(eventually([&] { return server.requests("update_feed") > 0; }));
     wait(sleepFor(0.5));
     updates->setCaptureIsHeld(true);
     wait(std::move(check));

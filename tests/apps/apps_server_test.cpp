@@ -10,12 +10,10 @@
 #include "support/Wait.h"
 #include "support/Zip.h"
 
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
-#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -23,18 +21,6 @@ using namespace tessel;
 using namespace Qt::StringLiterals;
 
 namespace {
-
-QStringList linesOnceWritten(const QString& path) {
-    const QDeadlineTimer deadline(30000);
-    while (!QFile::exists(path) && !deadline.hasExpired()) {
-        QThread::msleep(20);
-    }
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return {u"nothing written"_s};
-    }
-    return QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
-}
 
 QByteArray contentOf(const QString& path) {
     QFile file(path);
@@ -79,7 +65,7 @@ TEST(AppsServerTest, TheLookoutIsDownloadedInstalledAndOpenedWithItsSession) {
                                                u" because "_s + system + u" is not writable."_s);
     EXPECT_EQ(model.state(u"lookout"_s),
               AppLauncher::State::installed(QUrl::fromLocalFile(installed)));
-    const QStringList arguments = linesOnceWritten(installed + u"/arguments"_s);
+    const QStringList arguments = test::linesOnceWritten(installed + u"/arguments"_s);
     ASSERT_EQ(arguments.size(), 4) << arguments.join(u' ').toStdString();
     EXPECT_EQ(arguments.mid(0, 3),
               (QStringList{u"--org"_s, u"https://acme.velmora.ai"_s, u"--session-file"_s}));

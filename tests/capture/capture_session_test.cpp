@@ -18,18 +18,6 @@ using nlohmann::json;
 
 namespace {
 
-// Spins the loop until the condition holds or a real-time deadline passes.
-bool eventually(const std::function<bool()>& condition, double seconds = 10) {
-    const double deadline = monotonicNow() + seconds;
-    while (!condition()) {
-        if (monotonicNow() > deadline) {
-            return false;
-        }
-        wait(sleepFor(0.005));
-    }
-    return true;
-}
-
 class CaptureSessionTest : public ::testing::Test {
 protected:
     DevServer server;
@@ -82,8 +70,6 @@ TEST_F(CaptureSessionTest, FirstStartAndStopHoldTheExactConversation) {
     EXPECT_EQ(session->state(), CaptureState::idle);
     start();
     EXPECT_EQ(session->state(), CaptureState::listening);
-    EXPECT_EQ(audio->prepared, 1);
-    EXPECT_EQ(audio->begun, 1);
     // Only the monitor's ownership polls (reads) may follow.
     Routes opening = routes();
     while (!opening.empty() && isOwnershipRead(opening.back())) {

@@ -1,10 +1,10 @@
 // The executable's two forms and the command form's checks: the real binary for
 // its output streams and exit status, the checks themselves as tables.
 #include "CaptureCLI.h"
+#include "support/Processes.h"
 #include "support/Wait.h"
 
 #include <QFile>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -13,26 +13,6 @@ using namespace tessel::app;
 using namespace tessel::test;
 
 namespace {
-
-struct AppRun {
-    int status;
-    QString out;
-    QString err;
-};
-
-AppRun runApp(const QStringList& arguments) {
-    QProcess process;
-    process.setProgram(QStringLiteral(TESSEL_APP_PATH));
-    process.setArguments(arguments);
-    process.start();
-    if (!process.waitForFinished(30000)) {
-        process.kill();
-        process.waitForFinished();
-        return {-1, {}, QStringLiteral("timed out")};
-    }
-    return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
-            QString::fromUtf8(process.readAllStandardError())};
-}
 
 // Written out here, not taken from the program: the text is part of the interface.
 const QString usage = QStringLiteral(
@@ -78,16 +58,16 @@ TEST(Entry, HelpUnknownCommandsAndARefusedCaptureAsAPersonSeesThem) {
     for (const QStringList& arguments :
          {QStringList{"-h"}, QStringList{"--help"}, QStringList{"--help", "capture"},
           QStringList{"capture", "--help"}, QStringList{"capture", "--title", "--help"}}) {
-        const AppRun run = runApp(arguments);
+        const Ran run = runToEnd(TESSEL_APP_PATH, arguments);
         EXPECT_EQ(run.status, 0) << arguments.join(' ').toStdString();
         EXPECT_EQ(run.out, usage);
         EXPECT_EQ(run.err, "");
     }
-    const AppRun unknown = runApp({"captures"});
+    const Ran unknown = runToEnd(TESSEL_APP_PATH, {"captures"});
     EXPECT_EQ(unknown.status, 2);
     EXPECT_EQ(unknown.out, "");
     EXPECT_EQ(unknown.err, QStringLiteral("Unknown command — use --help or capture.\n") + usage);
-    const AppRun refused = runApp({"capture", "-h"});
+    const Ran refused = runToEnd(TESSEL_APP_PATH, {"capture", "-h"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(refused.out, "");
     EXPECT_EQ(refused.err, "Velmora Tessel: " + optionWords + "\n");
@@ -101,14 +81,11 @@ TEST(Entry, MalformedEndpointsFileStopsTheStart) {
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     file.write(R"({"auth_url": "https://127.0.0.1:1"})");
     file.close();
-    QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("VELMORA_TESSEL_ENDPOINTS", file.fileName());
-    process.setProcessEnvironment(env);
-    process.start(QStringLiteral(TESSEL_APP_PATH), {});
-    ASSERT_TRUE(process.waitForFinished(30000));
-    EXPECT_EQ(process.exitCode(), 1);
-    const QString err = QString::fromUtf8(process.readAllStandardError());
+    const Ran run = runToEnd(TESSEL_APP_PATH, {}, env);
+    EXPECT_EQ(run.status, 1);
+    const QString& err = run.err;
     EXPECT_TRUE(err.startsWith("Velmora Tessel: VELMORA_TESSEL_ENDPOINTS file " + file.fileName() +
                                ": unknown key \"auth_url\""))
         << err.toStdString();

@@ -3,9 +3,9 @@
 // ends, standard error holds its one line and the log goes to its file.
 #include "support/DevServer.h"
 #include "support/PrivatePulse.h"
+#include "support/Processes.h"
 
 #include <QFile>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -26,16 +26,15 @@ TEST(CaptureCommand, RefusedUploadsEndInOneLineOnStandardErrorAndTheLogInItsFile
     QProcessEnvironment environment = pulse.environment();
     environment.insert("XDG_STATE_HOME", state.path());
     environment.insert("VELMORA_TESSEL_JOURNAL_SOCKET", state.filePath("no-journal"));
-    QProcess app;
-    app.setProcessEnvironment(environment);
-    app.start(TESSEL_APP_PATH,
-              {"capture", "--base-url", QString::fromStdString(server.meetBase()), "--token",
-               "vses_cli", "--title", "Refused", "--counterpart", "Storage", "--seconds", "2"});
-    ASSERT_TRUE(app.waitForFinished(120000));
-    const QString err = QString::fromUtf8(app.readAllStandardError());
-    EXPECT_EQ(app.exitCode(), 1) << err.toStdString();
-    EXPECT_EQ(err.count('\n'), 1) << err.toStdString();
-    EXPECT_TRUE(err.startsWith("Velmora Tessel: Some audio has not uploaded")) << err.toStdString();
+    const Ran app =
+        runToEnd(TESSEL_APP_PATH,
+                 {"capture", "--base-url", QString::fromStdString(server.meetBase()), "--token",
+                  "vses_cli", "--title", "Refused", "--counterpart", "Storage", "--seconds", "2"},
+                 environment, 120000);
+    EXPECT_EQ(app.status, 1) << app.err.toStdString();
+    EXPECT_EQ(app.err.count('\n'), 1) << app.err.toStdString();
+    EXPECT_TRUE(app.err.startsWith("Velmora Tessel: Some audio has not uploaded"))
+        << app.err.toStdString();
 
     const QString logPath = state.filePath("velmora/tessel.log");
     struct stat st {};

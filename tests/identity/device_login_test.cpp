@@ -48,11 +48,6 @@ protected:
                             [] { return wall; }});
     }
 
-    long tokenRequests() const {
-        const auto routes = server.routes();
-        return std::count(routes.begin(), routes.end(), "device_token");
-    }
-
     DevServer server{{.https = true}};
     std::string origin;
     QTemporaryDir dir;
@@ -208,7 +203,7 @@ TEST_F(DeviceSignIn, PollStopsAtTheDeadline) {
         sleeps.clear();
         EXPECT_EQ(outcome(login().signIn(grant)).second, codeExpired);
         EXPECT_EQ(sleeps, row.sleeps);
-        EXPECT_EQ(tokenRequests(), row.requests);
+        EXPECT_EQ(server.requests("device_token"), row.requests);
     }
 }
 
@@ -222,6 +217,6 @@ TEST_F(DeviceSignIn, DeclinedOrExpiredOnTheServer) {
         server.authorize(action, grant.userCode.toStdString());
         server.resetLog();
         EXPECT_EQ(outcome(login().signIn(grant)).second, failure);
-        EXPECT_EQ(tokenRequests(), 1);
+        EXPECT_EQ(server.requests("device_token"), 1);
     }
 }

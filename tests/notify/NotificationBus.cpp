@@ -1,5 +1,7 @@
 #include "NotificationBus.h"
 
+#include "support/Processes.h"
+
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QJsonDocument>
@@ -39,17 +41,6 @@ QString firstLine(QProcess& process, const char* what) {
     return line;
 }
 
-void stop(QProcess& process) {
-    if (process.state() == QProcess::NotRunning) {
-        return;
-    }
-    process.terminate(); // SIGTERM to its PID
-    if (!process.waitForFinished(5000)) {
-        process.kill();
-        process.waitForFinished(5000);
-    }
-}
-
 } // namespace
 
 NotificationBus::NotificationBus(bool withServer) {
@@ -80,8 +71,8 @@ NotificationBus::NotificationBus(bool withServer) {
 
 NotificationBus::~NotificationBus() {
     QDBusConnection::disconnectFromBus(name_);
-    stop(server_);
-    stop(daemon_);
+    stopProcess(server_);
+    stopProcess(daemon_);
 }
 
 void NotificationBus::startServer() {
@@ -95,7 +86,7 @@ void NotificationBus::startServer() {
 }
 
 void NotificationBus::stopServer() {
-    stop(server_);
+    stopProcess(server_);
 }
 
 std::vector<QJsonObject> NotificationBus::calls(const QString& call) const {

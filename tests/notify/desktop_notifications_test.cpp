@@ -22,18 +22,6 @@ namespace {
 const NotifyDesktopNotification sample{u"n1"_s, u"Review"_s, u"<b>ready</b> & waiting"_s,
                                        u"/meet/calls/7"_s, false};
 
-QString failureText(const std::exception_ptr& failure) {
-    try {
-        std::rethrow_exception(failure);
-    } catch (const Failure& error) {
-        return error.description();
-    } catch (const Cancelled&) {
-        return u"cancelled"_s;
-    } catch (...) {
-        return u"other"_s;
-    }
-}
-
 struct Desktop {
     NotificationBus bus;
     bool enabled = true;
@@ -125,21 +113,20 @@ TEST(DesktopNotifications, RefusalsAndCancellations) {
     // The server says no in its own words.
     desktop.bus.control(u"Refuse"_s, {u"Notify"_s, u"org.freedesktop.DBus.Error.AccessDenied"_s,
                                       u"Notifications are not allowed for this sender"_s});
-    EXPECT_EQ(failureText(desktop.post(sample)),
-              u"Notifications are not allowed for this sender"_s);
+    EXPECT_EQ(wordsOf(desktop.post(sample)), u"Notifications are not allowed for this sender"_s);
     desktop.bus.control(u"Refuse"_s, {u"Notify"_s, QString(), QString()});
 
     // The sign-in or the switch changes while the bus answers.
     int asked = 0;
-    EXPECT_EQ(failureText(desktop.post(sample, [&] { return ++asked == 1; })), u"cancelled"_s);
+    EXPECT_EQ(wordsOf(desktop.post(sample, [&] { return ++asked == 1; })), u"cancelled"_s);
     desktop.enabled = false;
-    EXPECT_EQ(failureText(desktop.post(sample)), u"cancelled"_s);
+    EXPECT_EQ(wordsOf(desktop.post(sample)), u"cancelled"_s);
     EXPECT_TRUE(desktop.bus.calls(u"Notify"_s).size() == 1u); // only the refused one
 
     // No server on the bus: off.
     desktop.enabled = true;
     desktop.bus.stopServer();
-    EXPECT_EQ(failureText(desktop.post(sample)), u"Desktop notifications are off."_s);
+    EXPECT_EQ(wordsOf(desktop.post(sample)), u"Desktop notifications are off."_s);
 }
 
 TEST(DesktopNotifications, PostsAtTheSameMomentShareOneQuestion) {

@@ -40,11 +40,7 @@ struct SubscriptionsModelTest : ::testing::Test {
 
     void SetUp() override {
         pinLocaleAndZone();
-        // The runners read the process environment when they are made.
-        const auto environment = tool.environment();
-        for (const char* name : {"VELMORA_FAKETOOL_SCENARIO", "VELMORA_FAKETOOL_LOG"}) {
-            qputenv(name, environment.value(QString::fromLatin1(name)).toUtf8());
-        }
+        tool.exportToProcess();
     }
 
     // The model's timers end on the virtual clock, which must outlive them.

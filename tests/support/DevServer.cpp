@@ -1,4 +1,5 @@
 #include "support/DevServer.h"
+#include "support/Processes.h"
 
 #include <QDeadlineTimer>
 
@@ -8,6 +9,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -56,7 +58,7 @@ DevServer::DevServer(Options options) {
     const std::string line = process_.readLine().trimmed().toStdString();
     const std::string prefix = "velmora-devserver ready ";
     if (!line.starts_with(prefix)) {
-        stop();
+        stopProcess(process_);
         throw std::runtime_error("DevServer: no ready line from " TESSEL_DEVSERVER_PATH " (got \"" +
                                  line + "\")");
     }
@@ -65,24 +67,13 @@ DevServer::DevServer(Options options) {
 }
 
 DevServer::~DevServer() {
-    stop();
+    stopProcess(process_);
     if (std::getenv("TESSEL_KEEP_DEVSERVER_DATA") || ::testing::Test::HasFailure()) {
         std::fprintf(stderr, "DevServer: data kept in %s\n", dataDir_.c_str());
         return;
     }
     std::error_code ignored;
     std::filesystem::remove_all(dataDir_, ignored);
-}
-
-void DevServer::stop() {
-    if (process_.state() == QProcess::NotRunning) {
-        return;
-    }
-    process_.terminate(); // SIGTERM to its PID
-    if (!process_.waitForFinished(5000)) {
-        process_.kill();
-        process_.waitForFinished(5000);
-    }
 }
 
 std::unique_ptr<httplib::Client> DevServer::client() const {
@@ -115,6 +106,11 @@ std::vector<std::string> DevServer::routes() const {
         out.push_back(entry.value("route", ""));
     }
     return out;
+}
+
+long DevServer::requests(const std::string& route) const {
+    const auto all = routes();
+    return std::count(all.begin(), all.end(), route);
 }
 
 } // namespace tessel::test

@@ -88,15 +88,13 @@ public:
     // The meet and storage requests answered since the start or the last reset,
     // as a JSON array of entries (seq, t, method, path, route, status, ...).
     nlohmann::json requestLog() const { return control("log"); }
-    std::vector<std::string> routes() const; // of the log's entries, in order
+    std::vector<std::string> routes() const;       // of the log's entries, in order
+    long requests(const std::string& route) const; // the log's entries of that route
     void resetLog() const { control("reset-log", nlohmann::json::object()); }
     // Meetings with presence, parts and segments, as the server holds them.
     nlohmann::json state() const { return control("state"); }
 
 private:
-    // SIGTERM, and SIGKILL when the server hasn't gone five seconds later.
-    void stop();
-
     // GET /_control/<name>, or POST with a body; the answer, or a throw unless 200.
     nlohmann::json control(const std::string& name, const nlohmann::json& body = nullptr) const;
     void fault(const std::string& route, int count, nlohmann::json what) const {

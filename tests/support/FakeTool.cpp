@@ -30,12 +30,15 @@ void FakeTool::answer(const nlohmann::json& runs) const {
     file.write(QByteArray::fromStdString(nlohmann::json{{"runs", runs}}.dump()));
 }
 
-QProcessEnvironment FakeTool::environment() const {
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("VELMORA_FAKETOOL_SCENARIO"),
-                       path(QStringLiteral("scenario.json")));
-    environment.insert(QStringLiteral("VELMORA_FAKETOOL_LOG"), path(QStringLiteral("runs.jsonl")));
-    return environment;
+QProcessEnvironment FakeTool::environment(QProcessEnvironment base) const {
+    base.insert(QStringLiteral("VELMORA_FAKETOOL_SCENARIO"), path(QStringLiteral("scenario.json")));
+    base.insert(QStringLiteral("VELMORA_FAKETOOL_LOG"), path(QStringLiteral("runs.jsonl")));
+    return base;
+}
+
+void FakeTool::exportToProcess() const {
+    qputenv("VELMORA_FAKETOOL_SCENARIO", path(QStringLiteral("scenario.json")).toUtf8());
+    qputenv("VELMORA_FAKETOOL_LOG", path(QStringLiteral("runs.jsonl")).toUtf8());
 }
 
 std::vector<nlohmann::json> FakeTool::runs() const {

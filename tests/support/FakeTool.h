@@ -20,8 +20,11 @@ public:
     QString install(const QString& name) const;
     // What the stand-in answers from now on: the scenario's "runs" (Scenario.h).
     void answer(const nlohmann::json& runs) const;
-    // This process's environment with the scenario and the log added.
-    QProcessEnvironment environment() const;
+    // `base` (this process's environment) with the scenario and the log added.
+    QProcessEnvironment
+    environment(QProcessEnvironment base = QProcessEnvironment::systemEnvironment()) const;
+    // The same two added to this process's own, for runners that read it when made.
+    void exportToProcess() const;
     // The runs logged so far, oldest first.
     std::vector<nlohmann::json> runs() const;
 

@@ -10,6 +10,7 @@
 #include <QCoroTask>
 
 #include <exception>
+#include <functional>
 #include <optional>
 #include <type_traits>
 #include <variant>
@@ -64,6 +65,18 @@ inline std::optional<QString> wordsOf(const std::exception_ptr& error) {
     } catch (...) {
         return QStringLiteral("?");
     }
+}
+
+// Spins the loop until the condition holds or `seconds` of real time pass.
+inline bool eventually(const std::function<bool()>& condition, double seconds = 15) {
+    const double deadline = monotonicNow() + seconds;
+    while (!condition()) {
+        if (monotonicNow() > deadline) {
+            return false;
+        }
+        wait(sleepFor(0.005));
+    }
+    return true;
 }
 
 } // namespace tessel::test

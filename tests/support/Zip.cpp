@@ -1,9 +1,12 @@
 #include "support/Zip.h"
 
+#include <QDeadlineTimer>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QThread>
 
 #include <stdexcept>
 
@@ -48,6 +51,18 @@ std::vector<ZipEntry> appDir(const QString& name, const QString& bundleID) {
         {dir + bundleID + ".desktop",
          "[Desktop Entry]\nType=Application\nName=" + name.toUtf8() + "\nExec=AppRun\n"},
     };
+}
+
+QStringList linesOnceWritten(const QString& path) {
+    const QDeadlineTimer deadline(30000);
+    while (!QFile::exists(path) && !deadline.hasExpired()) {
+        QThread::msleep(20);
+    }
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return {QStringLiteral("nothing written")};
+    }
+    return QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
 }
 
 } // namespace tessel::test

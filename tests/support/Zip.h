@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
 #include <utility>
 #include <vector>
@@ -23,5 +24,9 @@ void writeZip(const QString& path, const std::vector<ZipEntry>& entries);
 // arguments, one a line, to "<name>.app/arguments" (renamed into place, whole), and
 // "<name>.app/<id>.desktop".
 std::vector<ZipEntry> appDir(const QString& name, const QString& bundleID);
+
+// The lines of a file an application started apart writes, such as the
+// AppDir's "arguments", once it is there (30 s at most).
+QStringList linesOnceWritten(const QString& path);
 
 } // namespace tessel::test

@@ -1,10 +1,10 @@
 // Helper tools: installation by content, the lookup of a tool, its PATH, and
 // the model the strip observes.
 #include "tools/HelperInstaller.h"
-#include "tools/HelpersModel.h"
 
 #include "errors/ErrorLog.h"
 #include "errors/Failures.h"
+#include "support/HelpersRig.h"
 #include "support/Wait.h"
 
 #include <QDir>
@@ -188,45 +188,8 @@ TEST(HelperLookupTest, EnvironmentReplacesPathAndKeepsTheRest) {
     EXPECT_EQ(result.value(u"HOME"_s), u"/home/other"_s);
 }
 
-// The model with a scripted installation and scripted tools.
-struct ModelRig {
-    int installs = 0;
-    std::optional<QString> installFailure;
-    ToolOutput python{u""_s, u""_s, 0};
-    std::optional<ToolOutput> packageTool;
-    HelpersModel model{{
-        [this]() -> Task<void> { return install(this); },
-        [this](QStringList, CancellationToken) -> Task<ToolOutput> { return answer(python); },
-        [this](QStringList, CancellationToken) -> Task<ToolOutput> {
-            if (!packageTool) {
-                return fail();
-            }
-            return answer(*packageTool);
-        },
-    }};
-
-    static Task<void> install(ModelRig* rig) {
-        ++rig->installs;
-        co_await sleepFor(0.01);
-        if (rig->installFailure) {
-            throw TesselError(*rig->installFailure);
-        }
-    }
-    static Task<ToolOutput> answer(ToolOutput output) { co_return output; }
-    static Task<ToolOutput> fail() {
-        throw ToolLaunchError(u"/usr/bin/pkcon"_s, u"No such file or directory"_s);
-        co_return {};
-    }
-    QString state() const {
-        return u"ready=%1 busy=%2 python=%3 error=%4"_s.arg(model.ready())
-            .arg(model.busy())
-            .arg(model.pythonMissing())
-            .arg(model.error().value_or(u"none"_s));
-    }
-};
-
 TEST(HelpersModelTest, InstallsThenChecksPythonAndKeepsFailuresAsText) {
-    ModelRig rig;
+    test::HelpersRig rig;
     Task<void> first = rig.model.installIfNeeded();
     EXPECT_EQ(rig.state(), u"ready=0 busy=1 python=0 error=none"_s);
     test::wait(rig.model.installIfNeeded()); // ignored while busy

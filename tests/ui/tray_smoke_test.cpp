@@ -3,14 +3,17 @@
 // opens the popover, Escape closes it through the first dismissal tier, and
 // a second launch raises the running one and ends with status 0.
 #include "support/FakeTool.h"
+#include "support/Processes.h"
+#include "support/Wait.h"
 
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
-#include <QThread>
 #include <gtest/gtest.h>
+
+using namespace tessel::test;
 
 namespace {
 
@@ -29,40 +32,6 @@ bool waitFor(QProcess& process, QByteArray& seen, const QByteArray& pattern, int
         seen += process.readAll();
     }
     return true;
-}
-
-QString run(const QString& program, const QStringList& arguments,
-            const QProcessEnvironment& environment, int* status = nullptr) {
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(program, arguments);
-    process.waitForFinished(20000);
-    if (status) {
-        *status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    }
-    return QString::fromUtf8(process.readAllStandardOutput() + process.readAllStandardError());
-}
-
-bool eventually(const std::function<bool()>& condition, int ms = 10000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition()) {
-        if (timer.elapsed() > ms) {
-            return false;
-        }
-        QThread::msleep(50);
-    }
-    return true;
-}
-
-void stop(QProcess& process) {
-    if (process.state() != QProcess::NotRunning) {
-        process.terminate();
-        if (!process.waitForFinished(5000)) {
-            process.kill();
-            process.waitForFinished(2000);
-        }
-    }
 }
 
 class TraySmoke : public ::testing::Test {
@@ -97,15 +66,15 @@ protected:
     }
 
     void TearDown() override {
-        stop(app);
-        stop(watcher);
-        stop(bus);
-        stop(xvfb);
+        for (QProcess* process : {&app, &watcher, &bus, &xvfb}) {
+            stopProcess(*process);
+        }
     }
 
     // "IsViewable" while the popover is on screen.
     QString popoverState() {
-        const QString info = run("xwininfo", {"-display", display, "-name", "Velmora"}, env);
+        const QString info =
+            runToEnd("xwininfo", {"-display", display, "-name", "Velmora"}, env).out;
         const auto at = info.indexOf("Map State: ");
         return at < 0 ? QString() : info.mid(at + 11).section('\n', 0, 0);
     }
@@ -128,22 +97,20 @@ TEST_F(TraySmoke, ItemRegistersActivateOpensThePopoverEscapeClosesIt) {
         QString::fromLatin1(registered.mid(registered.indexOf("registered ") + 11)).trimmed();
     EXPECT_NE(popoverState(), "IsViewable");
 
-    int status = 1;
-    const QString reply =
-        run("gdbus",
-            {"call", "--session", "--dest", item, "--object-path", "/StatusNotifierItem",
-             "--method", "org.kde.StatusNotifierItem.Activate", "--", "100", "5"},
-            env, &status);
-    ASSERT_EQ(status, 0) << reply.toStdString();
+    const Ran reply =
+        runToEnd("gdbus",
+                 {"call", "--session", "--dest", item, "--object-path", "/StatusNotifierItem",
+                  "--method", "org.kde.StatusNotifierItem.Activate", "--", "100", "5"},
+                 env);
+    ASSERT_EQ(reply.status, 0) << reply.err.toStdString();
     ASSERT_TRUE(eventually([&] { return popoverState() == "IsViewable"; }))
         << popoverState().toStdString();
 
     // A second launch raises this one and ends at once with 0.
-    run(TESSEL_APP_PATH, {}, env, &status);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(runToEnd(TESSEL_APP_PATH, {}, env).status, 0);
     EXPECT_EQ(popoverState(), "IsViewable");
 
-    run("xdotool", {"key", "Escape"}, env);
+    runToEnd("xdotool", {"key", "Escape"}, env);
     EXPECT_TRUE(eventually([&] { return popoverState() != "IsViewable"; }))
         << popoverState().toStdString();
     // Without a journal the log is a file of the user's state.
@@ -161,7 +128,7 @@ TEST_F(TraySmoke, ItemRegistersActivateOpensThePopoverEscapeClosesIt) {
 // found through METERLY_BIN) runs once launching ends, and its usable reading
 // is kept for the next start.
 TEST_F(TraySmoke, TheSubscriptionWatchReadsOnceLaunchingEnds) {
-    const tessel::test::FakeTool tool;
+    const FakeTool tool;
     tool.answer(nlohmann::json::array(
         {{{"args", {"status", "--json"}}, {"steps", nlohmann::json::array({{{"stdout", R"({
         "fetched_at": "2024-05-06T10:00:00Z", "alerts": [], "next": {}, "timeline": [],
@@ -169,16 +136,12 @@ TEST_F(TraySmoke, TheSubscriptionWatchReadsOnceLaunchingEnds) {
                    "account": "work", "live": true, "note": "",
                    "advice": {"verb": "ok", "reason": ""},
                    "windows": [{"kind": "session", "label": "5h", "used_pct": 4}]}]})"}}})}}}));
-    QProcessEnvironment withTool = env;
-    const QProcessEnvironment toolEnvironment = tool.environment();
-    for (const char* name : {"VELMORA_FAKETOOL_SCENARIO", "VELMORA_FAKETOOL_LOG"}) {
-        withTool.insert(name, toolEnvironment.value(name));
-    }
+    QProcessEnvironment withTool = tool.environment(env);
     withTool.insert("METERLY_BIN", tool.install("meterly"));
     app.setProcessEnvironment(withTool);
     app.start(TESSEL_APP_PATH, {});
     const QString saved = home.filePath("data/Velmora/last-subs.json");
-    ASSERT_TRUE(eventually([&] { return QFile::exists(saved); }, 20000));
+    ASSERT_TRUE(eventually([&] { return QFile::exists(saved); }, 20));
     const auto runs = tool.runs();
     ASSERT_EQ(runs.size(), 1u);
     EXPECT_EQ(runs[0]["tool"], "meterly");

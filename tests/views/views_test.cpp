@@ -11,16 +11,14 @@
 #include "ui/SubscriptionsSummaryRow.h"
 #include "ui/Toolbar.h"
 
-#include "support/DevServer.h"
-#include "support/ScriptedAudio.h"
+#include "support/AppModelRig.h"
+#include "support/HelpersRig.h"
 #include "support/Wait.h"
 
 #include <QApplication>
 #include <QCheckBox>
-#include <QFile>
 #include <QLabel>
 #include <QMenu>
-#include <QTemporaryDir>
 #include <QToolButton>
 
 #include <gtest/gtest.h>
@@ -32,17 +30,6 @@ using namespace tessel::app;
 using namespace tessel::test;
 
 namespace {
-
-bool eventually(const std::function<bool()>& condition, double seconds) {
-    const double deadline = monotonicNow() + seconds;
-    while (!condition()) {
-        if (monotonicNow() > deadline) {
-            return false;
-        }
-        wait(sleepFor(0.005));
-    }
-    return true;
-}
 
 // What the status block shows, top to bottom: label texts and the help of its
 // buttons ("[help]", "[help:off]" when disabled).
@@ -82,50 +69,31 @@ TEST(ViewsTest, ElapsedMinutesAreNotCapped) {
 
 TEST(ViewsTest, EachCaptureStateShowsItsWordsAndButtons) {
     using S = CaptureState;
-    UploadStatus uploads;
-    uploads.local = 3;
-    uploads.remote = 2;
+    const UploadStatus none, uploads{3, 2, 0, std::nullopt};
+    const std::nullopt_t no = std::nullopt;
     struct Case {
         CaptureSnapshot capture;
         QStringList expected;
     };
     const std::vector<Case> cases{
         // The sign-in notice and button first, the error once.
-        {{S::needsSignIn, 5, true, false, false, uploads, "Session expired.", std::nullopt,
-          std::nullopt, true},
+        {{S::needsSignIn, 5, true, false, false, uploads, "Session expired.", no, no, true},
          {"Session expired.", "[Sign in…]", "Uploads paused · 0:05", "mic ✓ · system audio —",
           "3 mic · 2 system segments uploaded", "[Stop & write notes]"}},
-        {{S::needsSignIn,
-          0,
-          true,
-          true,
-          false,
-          {},
-          std::nullopt,
-          std::nullopt,
-          std::nullopt,
-          false},
+        {{S::needsSignIn, 0, true, true, false, none, no, no, no, false},
          {CaptureSession::signInMessage, "[Sign in…]", "Uploads paused · 0:00",
           "mic ✓ · system audio ✓", "0 mic · 0 system segments uploaded"}},
-        {{S::uploading, 3725, true, true, false, uploads, std::nullopt, std::nullopt, "m1", true},
+        {{S::uploading, 3725, true, true, false, uploads, no, no, "m1", true},
          {"Capture stopped · 62:05", "mic ✓ · system audio ✓", "3 mic · 2 system segments uploaded",
           "[Uploading…:off]", "[Open notes in browser]"}},
-        {{S::superseded,
-          61,
-          false,
-          false,
-          false,
-          {},
-          "Another device took over.",
-          std::nullopt,
-          "m1",
+        {{S::superseded, 61, false, false, false, none, "Another device took over.", no, "m1",
           false},
          {"Capture stopped · 1:01", "mic — · system audio —", "0 mic · 0 system segments uploaded",
           "Another device took over.", "[Back]", "[Open notes in browser]"}},
-        {{S::failed, 1, false, false, false, {}, "Broke.", std::nullopt, std::nullopt, false},
+        {{S::failed, 1, false, false, false, none, "Broke.", no, no, false},
          {"Capture stopped · 0:01", "mic — · system audio —", "0 mic · 0 system segments uploaded",
           "Broke.", "[Back]"}},
-        {{S::finished, 9, true, true, false, {}, std::nullopt, std::nullopt, "m1", false},
+        {{S::finished, 9, true, true, false, none, no, no, "m1", false},
          {"Call saved. Writing notes…", "[Take notes on another call…]",
           "[Open notes in browser]"}},
     };
@@ -209,62 +177,9 @@ TEST(ViewsTest, DuringACallOnlySignInStaysOpenInTheMenus) {
     }
 }
 
-// The keyring, in memory.
-class MemoryStore : public SecureStore {
-public:
-    std::optional<QByteArray> read(const QString& account) const override {
-        const auto found = items.find(account);
-        return found == items.end() ? std::nullopt : std::optional(found->second);
-    }
-    void write(const QString& account, const QByteArray& secret) const override {
-        items[account] = secret;
-    }
-    void erase(const QString& account) const override { items.erase(account); }
-    QStringList accounts() const override { return {}; }
-    mutable std::map<QString, QByteArray> items;
-};
-
-constexpr double speed = 100;
-
-class WindowsTest : public ::testing::Test {
+class WindowsTest : public ::testing::Test, protected AppModelRig {
 protected:
-    WindowsTest() {
-        QFile file(dir.filePath("endpoints.json"));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray::fromStdString(nlohmann::json{
-            {"default_org_host", "alpha.velmora.test"},
-            {"org_origin", server.origin()},
-            {"auth_service_url", server.origin()},
-            {"ca_file", server.certPath()}}.dump()));
-        file.close();
-        const Endpoints endpoints = Endpoints::load(file.fileName());
-        model = std::make_unique<AppModel>(
-            AppModel::Services{
-                .endpoints = endpoints,
-                .defaults = std::make_shared<SettingsDefaults>(dir.filePath("defaults.conf")),
-                .secureStore = std::make_shared<MemoryStore>(),
-                .httpSession = std::make_shared<HTTPSession>(endpoints.httpOptions()),
-                .makeAudio = ScriptedAudio::maker(std::make_shared<ScriptedAudioControl>()),
-                .captureClock = {},
-                .clock = {[] { return monotonicNow() * speed; },
-                          [](double seconds, CancellationToken token) {
-                              return sleepFor(seconds / speed, std::move(token));
-                          }},
-                .openURL = [](const QUrl&) {},
-                .updateEngine = nullptr,
-                .infra = nullptr,
-            },
-            false);
-    }
-
-    long tokenPolls() {
-        const auto routes = server.routes();
-        return std::count(routes.begin(), routes.end(), "device_token");
-    }
-
-    DevServer server{{.https = true}};
-    QTemporaryDir dir;
-    std::unique_ptr<AppModel> model;
+    std::unique_ptr<AppModel> model = makeModel(false);
 };
 
 TEST_F(WindowsTest, StartWantsATitleBeyondBlanks) {
@@ -298,7 +213,8 @@ TEST_F(WindowsTest, ClosingLoginEndsThePolling) {
     model->setLoginURL(model->baseURL());
     window.show();
     model->signInFromWindow();
-    ASSERT_TRUE(eventually([&] { return model->grant() && tokenPolls() >= 2; }, 30));
+    ASSERT_TRUE(
+        eventually([&] { return model->grant() && server.requests("device_token") >= 2; }, 30));
     bool shown = false;
     for (auto* label : window.findChildren<QLabel*>()) {
         shown |=
@@ -307,40 +223,30 @@ TEST_F(WindowsTest, ClosingLoginEndsThePolling) {
     EXPECT_TRUE(shown);
     window.close();
     EXPECT_FALSE(model->grant());
-    const long polls = tokenPolls();
+    const long polls = server.requests("device_token");
     // Several polling intervals of the sped-up clock go by without a request.
     wait(sleepFor(0.5));
-    EXPECT_EQ(tokenPolls(), polls);
+    EXPECT_EQ(server.requests("device_token"), polls);
     EXPECT_FALSE(model->signingIn());
 }
 
 // The strip says what the helper tools need, in the order failure, missing
 // Python, installing; its buttons run the model again.
 TEST(ViewsTest, HelpersStripFollowsTheModel) {
-    std::optional<QString> failure = QStringLiteral("Helper tools could not be installed.");
-    ToolOutput python{QString(), QString(), 0};
-    HelpersModel model{{
-        [&]() -> Task<void> {
-            co_await sleepFor(0.05);
-            if (failure) {
-                throw TesselError(*failure);
-            }
-        },
-        [&](QStringList, CancellationToken) -> Task<ToolOutput> { co_return python; },
-        [](QStringList, CancellationToken) -> Task<ToolOutput> { co_return ToolOutput{}; },
-    }};
-    HelpersStateStrip strip(&model);
+    HelpersRig rig;
+    rig.installFailure = QStringLiteral("Helper tools could not be installed.");
+    HelpersStateStrip strip(&rig.model);
     EXPECT_TRUE(strip.isHidden());
 
-    wait(model.installIfNeeded());
-    EXPECT_EQ(lines(&strip), QStringList{*failure});
-    failure.reset();
-    python = {QString(), QStringLiteral("not found"), 127};
+    wait(rig.model.installIfNeeded());
+    EXPECT_EQ(lines(&strip), QStringList{*rig.installFailure});
+    rig.installFailure.reset();
+    rig.python = {QString(), QStringLiteral("not found"), 127};
     auto* retry = strip.findChild<QPushButton*>(QString(), Qt::FindDirectChildrenOnly);
     ASSERT_TRUE(retry && retry->text() == QStringLiteral("Retry"));
     retry->click();
     EXPECT_EQ(lines(&strip), QStringList{QStringLiteral("Installing helpers…")});
-    ASSERT_TRUE(eventually([&] { return !model.busy(); }, 5));
+    ASSERT_TRUE(eventually([&] { return !rig.model.busy(); }, 5));
     EXPECT_EQ(lines(&strip), QStringList{HelpersModel::pythonMissingLine});
     bool offered = false;
     for (auto* button : strip.findChildren<QPushButton*>()) {
