@@ -1,6 +1,7 @@
 #include "notify/NotifyFeedModel.h"
 
 #include "errors/ErrorLog.h"
+#include "errors/Failures.h"
 #include "net/HTTPFailure.h"
 
 #include <QRegularExpression>
@@ -16,27 +17,9 @@ namespace {
 
 const char* const category = "notify";
 
-bool isCancellation(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Cancelled&) {
-        return true;
-    } catch (...) {
-        return false;
-    }
-}
-
 // The error's own words, as a person or a log reader sees them.
 QString describe(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Failure& failure) {
-        return failure.description();
-    } catch (const std::exception& other) {
-        return QString::fromUtf8(other.what());
-    } catch (...) {
-        return u"unknown error"_s;
-    }
+    return describeFailure(error, u"unknown error"_s);
 }
 
 QString watermarkText(const std::optional<QDateTime>& watermark) {
