@@ -8,6 +8,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <utility>
 
 namespace tessel {
 
@@ -177,8 +178,11 @@ Task<void> NotifyFeedModel::poll(CancellationToken token) {
         if (!self || !current(s)) {
             co_return; // a late answer for a sign-in or a switch that is gone
         }
-        unread_ = count;
-        emit changed();
+        // A poll that finds things as they were tells no view: the popover
+        // would be rebuilt every poll for nothing.
+        if (std::exchange(unread_, count) != count) {
+            emit changed();
+        }
         if (count >= 1) {
             rows = co_await api->feed(feedLimit);
         }
@@ -199,10 +203,14 @@ Task<void> NotifyFeedModel::poll(CancellationToken token) {
     if (!current(s)) {
         co_return;
     }
+    const bool recovered =
+        humanLine_ || consecutiveFailures_ != 0 || nextPollInterval_ != pollInterval;
     humanLine_.reset();
     consecutiveFailures_ = 0;
     nextPollInterval_ = pollInterval;
-    emit changed();
+    if (recovered) {
+        emit changed();
+    }
 
     if (!watermark_ && shownIDs_.isEmpty()) {
         seed(rows);
