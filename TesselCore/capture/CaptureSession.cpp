@@ -296,11 +296,19 @@ void CaptureSession::handle(const CaptureEvent& event, UploadQueue& queue) {
             halt(ErrorPresentation::from(std::current_exception()));
         }
     } else if (const auto* meter = std::get_if<MeterReading>(&event)) {
+        // Ten readings a second, and every `changed` rebuilds the popover:
+        // only a new whole second or a flag that turned is news. A click
+        // landing between two rebuilds was lost to the button's replacement.
+        const bool news = qint64(meter->elapsed) != qint64(elapsed_) ||
+                          meter->local != micHealthy_ || meter->remote != systemHealthy_ ||
+                          meter->silent != silent_;
         elapsed_ = meter->elapsed;
         micHealthy_ = meter->local;
         systemHealthy_ = meter->remote;
         silent_ = meter->silent;
-        emit changed();
+        if (news) {
+            emit changed();
+        }
     } else if (const auto* failure = std::get_if<CaptureFailure>(&event)) {
         halt(ErrorPresentation::from(TesselError(failure->message)));
     }
