@@ -1,16 +1,14 @@
 #include "TesselApp.h"
 
+#include "AppUpdates.h"
+#include "DesktopActions.h"
 #include "SiblingApps.h"
 
-#include "app/AppVersion.h"
-#include "app/FeedUpdateEngine.h"
 #include "audio/AudioCapture.h"
 #include "errors/ErrorLog.h"
 #include "identity/SecretServiceStore.h"
 #include "identity/UserDefaults.h"
 #include "infra/InfraStatus.h"
-#include "notify/NotifyAPI.h"
-#include "notify/NotifyFeedStore.h"
 #include "ui/CallWindow.h"
 #include "ui/ConductorSetupWindow.h"
 #include "ui/DesktopSettings.h"
@@ -19,51 +17,12 @@
 #include "ui/SubscriptionsWindow.h"
 
 #include <QApplication>
-#include <QCursor>
-#include <QDBusServiceWatcher>
-#include <QDesktopServices>
 #include <QDir>
-#include <QFile>
-#include <QMenu>
-#include <QMessageBox>
-#include <QPainter>
-#include <QProcess>
-#include <QScreen>
 #include <QSessionManager>
-#include <QSettings>
 
 namespace tessel::app {
 
 namespace {
-
-// Drawn rather than shipped, so the executable needs no resource files.
-QIcon trayIcon() {
-    QPixmap pixmap(64, 64);
-    pixmap.fill(Qt::transparent);
-    QPainter painter(&pixmap);
-    painter.setRenderHint(QPainter::Antialiasing);
-    painter.setBrush(QColor(0x2f, 0x6f, 0xeb));
-    painter.setPen(Qt::NoPen);
-    painter.drawEllipse(4, 4, 56, 56);
-    painter.setBrush(Qt::white);
-    painter.drawRoundedRect(26, 14, 12, 26, 6, 6);
-    painter.drawRect(30, 42, 4, 8);
-    return QIcon(pixmap);
-}
-
-void openInDesktop(const QUrl& url) {
-    if (!QDesktopServices::openUrl(url)) {
-        log::write(log::Level::warning, "app",
-                   QStringLiteral("No application opened ") + url.toString());
-    }
-}
-
-// Words for the person that need no answer, without holding up the loop.
-void tell(const QString& text) {
-    auto* box = new QMessageBox(QMessageBox::Information, QStringLiteral("Velmora"), text);
-    box->setAttribute(Qt::WA_DeleteOnClose);
-    box->open();
-}
 
 // The infrastructure model as the application model drives it.
 class InfraModelRefresher : public InfraRefresher {
@@ -78,40 +37,13 @@ private:
     std::shared_ptr<InfraModel> model_;
 };
 
-// One banner, delivered only while the member is still the one whose token
-// fetched the row.
-Task<void> postNotification(QPointer<AppModel> model, QPointer<DesktopNotifications> desktop,
-                            NotifyDesktopNotification notification) {
-    if (!model || !model->member() || !desktop) {
-        throw Cancelled();
-    }
-    const QString token = model->member()->token;
-    co_await desktop->post(std::move(notification), [model, token] {
-        return model && model->member() && model->member()->token == token;
-    });
-}
-
 } // namespace
 
 TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* parent)
     : QObject(parent), endpoints_(std::move(endpoints)), instance_(instance) {
     auto session = std::make_shared<HTTPSession>(endpoints_.httpOptions());
-    std::optional<QString> appImage;
-    if (qEnvironmentVariableIsSet("APPIMAGE")) {
-        appImage = qEnvironmentVariable("APPIMAGE");
-    }
-    std::optional<QUrl> feed;
-    if (endpoints_.updateFeedURL.isValid() && !endpoints_.updateFeedURL.isEmpty()) {
-        feed = endpoints_.updateFeedURL;
-    }
-    auto engine = std::make_unique<FeedUpdateEngine>(FeedUpdateEngine::Dependencies{
-        .feedURL = feed,
-        .currentVersion = AppVersion::shortVersion(),
-        .http = HTTPClient(session),
-        .appImage = appImage,
-        .openURL = openInDesktop,
-        .tell = tell,
-        .relaunch = [this](const QString& image) { relaunch(image); },
+    auto engine = makeUpdateEngine(endpoints_, HTTPClient(session), [this](const QString& image) {
+        relaunchInto(image, instance_, delegate_.terminate);
     });
 
     infra_ = std::make_shared<InfraModel>(InfraCLI::tool(), monotonicNow, sleepFor);
@@ -153,15 +85,17 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
         });
     });
 
-    buildNotifications(session);
+    // The notification feed polls from the end of launching on.
+    settings_ =
+        std::make_unique<QSettings>(QStringLiteral("Velmora"), QStringLiteral("VelmoraTessel"));
+    notifications_ = std::make_unique<AppNotifications>(*settings_, instance_.bus(), *model_,
+                                                        HTTPClient(session),
+                                                        endpoints_.notifyServiceURL.toString());
+    delegate_.launchJobs.push_back([this] { notifications_->startPolling(); });
 
     // The subscription watch reads at once and on its timer from the end of
     // launching on, whether or not its window is ever opened.
     delegate_.launchJobs.push_back([this] { popover_->setSubscriptions(&subscriptions()); });
-
-    // Later models: subscriptions and the conductor set-up come in as
-    // addWindow("subscriptions", ...) and addWindow("conductor-setup", ...)
-    // with their windows.
 
     popover_ = std::make_unique<PopoverView>(
         *model_, controller_,
@@ -173,19 +107,25 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
         PopoverView::Sources{
             .infra = infra_.get(),
             .helpers = helpers_.get(),
-            .notifications = notifications_.get(),
+            .notifications = &notifications_->feed(),
             .appOptions = [host = endpoints_.defaultOrgHost, secrets,
                            http = HTTPClient(session)] { return appOptions(host, secrets, http); },
         });
+    tray_ = std::make_unique<TrayPresence>(*popover_, controller_, instance_.bus(),
+                                           [this] { delegate_.requestQuit(); });
     controller_.statusItemToggle = [this] {
-        if (!trayMode_) {
+        if (!tray_->inTray()) {
             return false;
         }
-        togglePopover();
+        tray_->togglePopover();
         return true;
     };
     connect(&instance_, &SingleInstance::activateRequested, this, &TesselApp::showPopover);
+    addWindows();
+}
 
+// The windows by id, each built at its first opening.
+void TesselApp::addWindows() {
     addWindow(QStringLiteral("call"), [this] {
         return new CallWindow(*model_, [this](const QString& id) { openWindow(id); });
     });
@@ -246,65 +186,6 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
     });
 }
 
-// The notification feed: its API maker, session and notifier read the
-// application model at each call and hold it weakly; the poll loop starts
-// once launching ends.
-void TesselApp::buildNotifications(const std::shared_ptr<HTTPSession>& session) {
-    settings_ =
-        std::make_unique<QSettings>(QStringLiteral("Velmora"), QStringLiteral("VelmoraTessel"));
-    notifyStore_ = std::make_shared<NotifyDefaultsStore>(*settings_);
-    desktopNotifications_ =
-        std::make_unique<DesktopNotifications>(instance_.bus(), [settings = settings_.get()] {
-            return NotifyDefaultsStore::desktopNotifications(*settings);
-        });
-    QPointer<AppModel> model = model_.get();
-    QPointer<DesktopNotifications> desktop = desktopNotifications_.get();
-    const HTTPClient http(session);
-    const QString serviceURL = endpoints_.notifyServiceURL.toString();
-    QSettings* settings = settings_.get();
-    notifications_ = std::make_unique<NotifyFeedModel>(
-        [model, http, settings, serviceURL]() -> std::shared_ptr<const NotifyFeedAPI> {
-            if (!model) {
-                throw Cancelled();
-            }
-            return std::make_shared<NotifyAPI>(std::nullopt, model->tokenProvider(), http,
-                                               *settings, serviceURL);
-        },
-        [model]() -> std::optional<QString> {
-            if (!model || !model->member()) {
-                return std::nullopt;
-            }
-            return model->org() + QStringLiteral(":") + model->member()->token;
-        },
-        [model, desktop](NotifyDesktopNotification notification) {
-            return postNotification(model, desktop, std::move(notification));
-        },
-        notifyStore_);
-
-    QPointer<NotifyFeedModel> feed = notifications_.get();
-    connect(desktopNotifications_.get(), &DesktopNotifications::activated, this,
-            [model, feed](const QVariantMap& userInfo) {
-                spawn([model, feed, userInfo]() -> Task<void> {
-                    co_await DesktopNotifications::handleNotificationClick(
-                        userInfo,
-                        [model]() -> std::optional<QUrl> {
-                            return model ? std::optional(QUrl(model->inboxURL())) : std::nullopt;
-                        },
-                        openInDesktop,
-                        [feed](std::vector<QString> ids) -> Task<void> {
-                            if (feed) {
-                                co_await feed->markRead(std::move(ids));
-                            }
-                        });
-                });
-            });
-    delegate_.launchJobs.push_back([this, feed] {
-        notificationTask_ = BackgroundTask::start([feed](CancellationToken token) {
-            return NotifyFeedModel::runPollLoop(feed, sleepFor, std::move(token));
-        });
-    });
-}
-
 // The tools are looked for once: `meterly` for readings and alerts, the
 // accounts tool for switches and as the reading when `meterly` is missing.
 SubscriptionsModel& TesselApp::subscriptions() {
@@ -329,7 +210,7 @@ SubscriptionsModel& TesselApp::subscriptions() {
         .snapshotStore = MeterlySnapshotStore(HelperInstaller::dataDirectory(environment, home)),
         .notInstalled = VantorAccountsCLI::notInstalled(environment, home),
         .startingServices = true,
-        .desktop = desktopNotifications_.get(),
+        .desktop = &notifications_->desktop(),
         .notifier = std::nullopt,
         .now = [] { return QDateTime::currentDateTimeUtc(); },
         .sleep = sleepFor,
@@ -338,9 +219,6 @@ SubscriptionsModel& TesselApp::subscriptions() {
 }
 
 TesselApp::~TesselApp() {
-    if (notificationTask_) {
-        notificationTask_->cancel();
-    }
     controller_.registerWindow(nullptr);
     for (const auto& window : std::as_const(windows_)) {
         delete window.data();
@@ -352,98 +230,16 @@ void TesselApp::start() {
             [this](QSessionManager& manager) { delegate_.commitData(manager); });
     delegate_.watchTerminationSignals();
 
-    // The tray can come and go with the desktop's StatusNotifierWatcher; the
-    // program never ends for want of one.
-    trayWatcher_ =
-        new QDBusServiceWatcher(QStringLiteral("org.kde.StatusNotifierWatcher"), instance_.bus(),
-                                QDBusServiceWatcher::WatchForOwnerChange, this);
-    connect(trayWatcher_, &QDBusServiceWatcher::serviceOwnerChanged, this,
-            [this](const QString&, const QString&, const QString& owner) {
-                useTray(!owner.isEmpty() && QSystemTrayIcon::isSystemTrayAvailable());
-            });
-    useTray(QSystemTrayIcon::isSystemTrayAvailable());
+    tray_->start();
     delegate_.applicationDidFinishLaunching();
 }
 
-void TesselApp::useTray(bool available) {
-    trayMode_ = available;
-    const bool wasVisible = popover_->isVisible();
-    if (available) {
-        if (!tray_) {
-            tray_ = std::make_unique<QSystemTrayIcon>(trayIcon());
-            tray_->setToolTip(QStringLiteral("Velmora"));
-            connect(tray_.get(), &QSystemTrayIcon::activated, this,
-                    [this](QSystemTrayIcon::ActivationReason reason) {
-                        if (reason == QSystemTrayIcon::Trigger ||
-                            reason == QSystemTrayIcon::DoubleClick) {
-                            togglePopover();
-                        }
-                    });
-            auto* menu = new QMenu;
-            menu->addAction(QStringLiteral("Open Velmora"), this, &TesselApp::showPopover);
-            menu->addAction(QStringLiteral("Quit"), this, [this] { delegate_.requestQuit(); });
-            tray_->setContextMenu(menu);
-        }
-        tray_->show();
-        popover_->setWindowFlags(Qt::Tool | Qt::FramelessWindowHint);
-        controller_.registerWindow(popover_.get());
-        log::write(log::Level::info, "app", QStringLiteral("tessel tray: status item shown"));
-    } else {
-        if (tray_) {
-            tray_->hide();
-        }
-        // Without a tray the popover is an ordinary small window, and stays
-        // until it is closed: there is no icon to bring it back.
-        controller_.registerWindow(nullptr);
-        popover_->setWindowFlags(Qt::Window);
-        log::write(log::Level::info, "app",
-                   QStringLiteral("tessel tray: no system tray — the popover is a window"));
-        showPopover();
-        return;
-    }
-    if (wasVisible) {
-        showPopover();
-    }
-}
-
-void TesselApp::placePopover() {
-    popover_->adjustSize();
-    const QRect icon = tray_ ? tray_->geometry() : QRect();
-    const QPoint anchor = icon.isValid() ? icon.bottomLeft() : QCursor::pos();
-    QScreen* screen = QGuiApplication::screenAt(anchor);
-    if (!screen) {
-        screen = QGuiApplication::primaryScreen();
-    }
-    QRect frame(anchor, popover_->size());
-    if (screen) {
-        const QRect area = screen->availableGeometry();
-        // Above the icon when the panel is at the bottom; always on screen.
-        if (frame.bottom() > area.bottom()) {
-            frame.moveBottom((icon.isValid() ? icon.top() : anchor.y()) - 1);
-        }
-        frame.moveLeft(std::clamp(frame.left(), area.left(),
-                                  std::max(area.left(), area.right() - frame.width())));
-        frame.moveTop(std::clamp(frame.top(), area.top(),
-                                 std::max(area.top(), area.bottom() - frame.height())));
-    }
-    popover_->move(frame.topLeft());
-}
-
 void TesselApp::showPopover() {
-    if (trayMode_) {
-        placePopover();
-    }
-    popover_->show();
-    popover_->raise();
-    popover_->activateWindow();
+    tray_->showPopover();
 }
 
 void TesselApp::togglePopover() {
-    if (popover_->isVisible()) {
-        popover_->hide();
-        return;
-    }
-    showPopover();
+    tray_->togglePopover();
 }
 
 void TesselApp::addWindow(const QString& id, WindowFactory factory) {
@@ -464,15 +260,6 @@ void TesselApp::openWindow(const QString& id) {
     window->show();
     window->raise();
     window->activateWindow();
-}
-
-void TesselApp::relaunch(const QString& image) {
-    // The new version takes the bus name; this one ends.
-    instance_.release();
-    if (!QProcess::startDetached(image, {})) {
-        log::error(QStringLiteral("The new version at %1 could not be started.").arg(image));
-    }
-    delegate_.terminate();
 }
 
 int runTrayApp(int argc, char** argv) {

@@ -1,23 +1,23 @@
 // The application object of the tray form: it builds the models once, the
-// tray icon, the popover and the windows by id, and keeps them for the
+// tray presence, the popover and the windows by id, and keeps them for the
 // process's life.
 //
-// Where later models plug in (see TesselApp.cpp, "Later models"): a window
-// factory by id (addWindow), a job that starts once launching ends
-// (delegate().launchJobs), and the model's functions a feed or a dashboard
-// needs (model().tokenProvider(), org(), member(), http()). The notification
-// feed is wired that way in buildNotifications(), the subscription watch in
+// Where later models plug in: a window factory by id (addWindow, as in
+// addWindows()), a job that starts once launching ends (delegate().launchJobs),
+// and the model's functions a feed or a dashboard needs
+// (model().tokenProvider(), org(), member(), http()). The notification feed is
+// wired that way in AppNotifications, the subscription watch in
 // subscriptions().
 #pragma once
 
+#include "AppNotifications.h"
 #include "ApplicationDelegate.h"
 #include "PopoverController.h"
 #include "SingleInstance.h"
+#include "TrayPresence.h"
 #include "app/AppModel.h"
 #include "identity/Endpoints.h"
 #include "infra/InfraModel.h"
-#include "notify/DesktopNotifications.h"
-#include "notify/NotifyFeedModel.h"
 #include "subscriptions/AccountsModel.h"
 #include "subscriptions/SubscriptionsModel.h"
 #include "tools/HelperInstaller.h"
@@ -26,12 +26,10 @@
 #include <QHash>
 #include <QObject>
 #include <QPointer>
-#include <QSystemTrayIcon>
+#include <QSettings>
 
 #include <functional>
 #include <memory>
-
-class QDBusServiceWatcher;
 
 namespace tessel::app {
 
@@ -53,7 +51,7 @@ public:
 
     AppModel& model() { return *model_; }
     InfraModel& infra() { return *infra_; }
-    NotifyFeedModel& notifications() { return *notifications_; }
+    NotifyFeedModel& notifications() { return notifications_->feed(); }
     // The subscription watch, built at its first use; launching ends with one.
     SubscriptionsModel& subscriptions();
     TesselApplicationDelegate& delegate() { return delegate_; }
@@ -66,10 +64,7 @@ public:
     void addWindow(const QString& id, WindowFactory factory);
 
 private:
-    void useTray(bool available);
-    void placePopover();
-    void relaunch(const QString& image);
-    void buildNotifications(const std::shared_ptr<HTTPSession>& session);
+    void addWindows();
 
     Endpoints endpoints_;
     SingleInstance& instance_;
@@ -77,10 +72,7 @@ private:
     std::shared_ptr<InfraModel> infra_;
     std::unique_ptr<AppModel> model_;
     std::unique_ptr<QSettings> settings_;
-    std::shared_ptr<NotifyDefaultsStore> notifyStore_;
-    std::unique_ptr<DesktopNotifications> desktopNotifications_;
-    std::unique_ptr<NotifyFeedModel> notifications_;
-    std::shared_ptr<BackgroundTask> notificationTask_;
+    std::unique_ptr<AppNotifications> notifications_;
     std::unique_ptr<AccountsModel> accounts_;
     std::unique_ptr<SubscriptionsModel> subscriptions_;
     std::unique_ptr<HelperInstaller> helperInstaller_;
@@ -89,9 +81,7 @@ private:
     QHash<QString, WindowFactory> factories_;
     QHash<QString, QPointer<QWidget>> windows_;
     std::unique_ptr<PopoverView> popover_;
-    std::unique_ptr<QSystemTrayIcon> tray_;
-    QDBusServiceWatcher* trayWatcher_ = nullptr;
-    bool trayMode_ = false;
+    std::unique_ptr<TrayPresence> tray_;
 };
 
 // The tray form's entry: returns the process's exit status.

@@ -54,12 +54,16 @@ sw1=$(awk 'NR == FNR {start[$1] = $2; next} ($1 in start) {n += $2 - start[$1]} 
   "$work/sw0" "$work/sw1")
 rss=$(awk '/VmRSS/ {print $2}' /proc/$app/status)
 hwm=$(awk '/VmHWM/ {print $2}' /proc/$app/status)
+# Proportional and private figures: most resident pages are shared libraries.
+pss=$(awk '/^Pss:/ {print $2}' /proc/$app/smaps_rollup)
+anon=$(awk '/^Anonymous:/ {print $2}' /proc/$app/smaps_rollup)
 threads=$(ls /proc/$app/task | wc -l)
 awk -v c0="$cpu0" -v c1="$cpu1" -v t="$ticks" -v s="$seconds" -v w0="$sw0" -v w1="$sw1" \
-    -v rss="$rss" -v hwm="$hwm" -v th="$threads" 'BEGIN {
+    -v rss="$rss" -v hwm="$hwm" -v pss="$pss" -v anon="$anon" -v th="$threads" 'BEGIN {
   printf "idle %d s: CPU %.2f s (%.3f%% of a core), %d wake-ups (%.2f a second, %d threads)\n",
     s, (c1 - c0) / t, 100 * (c1 - c0) / t / s, w1 - w0, (w1 - w0) / s, th
-  printf "resident memory: %.1f MB now, %.1f MB peak\n", rss / 1024, hwm / 1024
+  printf "resident memory: %.1f MB now, %.1f MB peak; proportional %.1f MB, anonymous %.1f MB\n",
+    rss / 1024, hwm / 1024, pss / 1024, anon / 1024
 }'
 
 if [ -n "${SCREENSHOT:-}" ]; then

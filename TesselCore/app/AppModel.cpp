@@ -1,6 +1,7 @@
 #include "app/AppModel.h"
 
 #include "errors/ErrorLog.h"
+#include "errors/Failures.h"
 #include "net/HTTPFailure.h"
 
 using namespace Qt::StringLiterals;
@@ -14,21 +15,6 @@ const QString AppModel::clientName = u"velmora-tessel"_s;
 namespace {
 
 const QString meetBaseURLKey = u"meetBaseURL"_s;
-
-template <typename E> const E* failureAs(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const E& failure) {
-        // The exception object lives as long as `error`.
-        return &failure;
-    } catch (...) {
-        return nullptr;
-    }
-}
-
-bool isCancellation(const std::exception_ptr& error) {
-    return failureAs<Cancelled>(error) != nullptr;
-}
 
 ErrorPresentation linesOf(const std::exception_ptr& error) {
     return ErrorPresentation::from(error);

@@ -2,6 +2,7 @@
 
 #include "audio/AACEncoder.h"
 #include "audio/PCMResampler.h"
+#include "errors/Failures.h"
 #include "upload/Segmenter.h"
 
 #include <cstring>
@@ -24,15 +25,7 @@ std::size_t indexOf(AudioChannel channel) {
 }
 
 QString describe(const std::exception_ptr& failure) {
-    try {
-        std::rethrow_exception(failure);
-    } catch (const Failure& error) {
-        return error.description();
-    } catch (const std::exception& error) {
-        return QString::fromUtf8(error.what());
-    } catch (...) {
-    }
-    return u"Encoding call audio failed — start a new call."_s;
+    return describeFailure(failure, u"Encoding call audio failed — start a new call."_s);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "capture/CaptureSession.h"
 
 #include "errors/ErrorLog.h"
+#include "errors/Failures.h"
 #include "net/HTTPFailure.h"
 #include "upload/SegmentUploader.h"
 
@@ -32,16 +33,6 @@ std::optional<HTTPFailure> signInRefusal(const std::exception_ptr& error) {
     return std::nullopt;
 }
 
-bool isCancellation(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Cancelled&) {
-        return true;
-    } catch (...) {
-        return false;
-    }
-}
-
 bool presenceHolds(const JSON& snapshot, const std::optional<QString>& hostSession) {
     for (const JSON& element : snapshot[u"presence"_s].array()) {
         if (element[u"id"_s].string() == hostSession) {
@@ -49,6 +40,27 @@ bool presenceHolds(const JSON& snapshot, const std::optional<QString>& hostSessi
         }
     }
     return false;
+}
+
+// Ends the call at `base`; when the answer is lost, the call's own status
+// tells whether the server ended it anyway.
+Task<void> endReconciled(MeetAPI api, QString base) {
+    std::exception_ptr refused;
+    try {
+        co_await api.call(base + u"/end"_s, methodPOST);
+    } catch (...) {
+        refused = std::current_exception();
+    }
+    if (!refused) {
+        co_return;
+    }
+    if (signInRefusal(refused) || isCancellation(refused)) {
+        std::rethrow_exception(refused);
+    }
+    const JSON call = co_await api.call(base, methodGET);
+    if (!MeetAPI::isClosedStatus(call[u"status"_s])) {
+        std::rethrow_exception(refused);
+    }
 }
 
 } // namespace
@@ -284,11 +296,19 @@ void CaptureSession::handle(const CaptureEvent& event, UploadQueue& queue) {
             halt(ErrorPresentation::from(std::current_exception()));
         }
     } else if (const auto* meter = std::get_if<MeterReading>(&event)) {
+        // Ten readings a second, and every `changed` rebuilds the popover:
+        // only a new whole second or a flag that turned is news. A click
+        // landing between two rebuilds was lost to the button's replacement.
+        const bool news = qint64(meter->elapsed) != qint64(elapsed_) ||
+                          meter->local != micHealthy_ || meter->remote != systemHealthy_ ||
+                          meter->silent != silent_;
         elapsed_ = meter->elapsed;
         micHealthy_ = meter->local;
         systemHealthy_ = meter->remote;
         silent_ = meter->silent;
-        emit changed();
+        if (news) {
+            emit changed();
+        }
     } else if (const auto* failure = std::get_if<CaptureFailure>(&event)) {
         halt(ErrorPresentation::from(TesselError(failure->message)));
     }
@@ -556,24 +576,7 @@ Task<void> CaptureSession::stopRecordingReconciled(const QString& recording) {
 }
 
 Task<void> CaptureSession::endCallReconciled() {
-    const MeetAPI api = api_;
-    const QString base = u"/"_s + *meetingID_;
-    std::exception_ptr refused;
-    try {
-        co_await api.call(base + u"/end"_s, methodPOST);
-    } catch (...) {
-        refused = std::current_exception();
-    }
-    if (!refused) {
-        co_return;
-    }
-    if (signInRefusal(refused) || isCancellation(refused)) {
-        std::rethrow_exception(refused);
-    }
-    const JSON call = co_await api.call(base, methodGET);
-    if (!MeetAPI::isClosedStatus(call[u"status"_s])) {
-        std::rethrow_exception(refused);
-    }
+    co_await endReconciled(api_, u"/"_s + *meetingID_);
 }
 
 Task<void> CaptureSession::needsSignIn(HTTPFailure failure) {
@@ -688,22 +691,7 @@ Task<void> CaptureSession::cleanupIncompleteStart(QString meeting) {
             throw Cancelled();
         }
     }
-    std::exception_ptr refused;
-    try {
-        co_await api.call(base + u"/end"_s, methodPOST);
-    } catch (...) {
-        refused = std::current_exception();
-    }
-    if (!refused) {
-        co_return;
-    }
-    if (signInRefusal(refused) || isCancellation(refused)) {
-        std::rethrow_exception(refused);
-    }
-    const JSON call = co_await api.call(base, methodGET);
-    if (!MeetAPI::isClosedStatus(call[u"status"_s])) {
-        std::rethrow_exception(refused);
-    }
+    co_await endReconciled(api, base);
 }
 
 } // namespace tessel

@@ -61,4 +61,25 @@ QString AudioCaptureError::settingsURL() const {
     return u"x-apple.systempreferences:com.apple.preference.security?Privacy_Microphone"_s;
 }
 
+bool isCancellation(const std::exception_ptr& error) {
+    return failureAs<Cancelled>(error) != nullptr;
+}
+
+QString describeFailure(const std::exception& error) {
+    if (const auto* failure = dynamic_cast<const Failure*>(&error)) {
+        return failure->description();
+    }
+    return QString::fromUtf8(error.what());
+}
+
+QString describeFailure(const std::exception_ptr& error, const QString& unknown) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& thrown) {
+        return describeFailure(thrown);
+    } catch (...) {
+        return unknown;
+    }
+}
+
 } // namespace tessel

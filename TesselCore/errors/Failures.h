@@ -106,4 +106,25 @@ public:
     const char* what() const noexcept override { return "cancelled"; }
 };
 
+// The failure of type `E` that `error` holds, or null. The object lives as
+// long as `error` does.
+template <typename E> const E* failureAs(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const E& failure) {
+        return &failure;
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+// A cancellation is passed on and never shown or logged.
+bool isCancellation(const std::exception_ptr& error);
+
+// A failure's own words, as a person or a log reader sees them. `error` holds
+// something; `unknown` stands in for a thrown value that is no exception,
+// since each caller's reader expects its own words there.
+QString describeFailure(const std::exception& error);
+QString describeFailure(const std::exception_ptr& error, const QString& unknown);
+
 } // namespace tessel

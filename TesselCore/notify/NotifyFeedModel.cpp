@@ -1,12 +1,14 @@
 #include "notify/NotifyFeedModel.h"
 
 #include "errors/ErrorLog.h"
+#include "errors/Failures.h"
 #include "net/HTTPFailure.h"
 
 #include <QRegularExpression>
 #include <QSet>
 
 #include <algorithm>
+#include <utility>
 
 namespace tessel {
 
@@ -16,27 +18,9 @@ namespace {
 
 const char* const category = "notify";
 
-bool isCancellation(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Cancelled&) {
-        return true;
-    } catch (...) {
-        return false;
-    }
-}
-
 // The error's own words, as a person or a log reader sees them.
 QString describe(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Failure& failure) {
-        return failure.description();
-    } catch (const std::exception& other) {
-        return QString::fromUtf8(other.what());
-    } catch (...) {
-        return u"unknown error"_s;
-    }
+    return describeFailure(error, u"unknown error"_s);
 }
 
 QString watermarkText(const std::optional<QDateTime>& watermark) {
@@ -194,8 +178,11 @@ Task<void> NotifyFeedModel::poll(CancellationToken token) {
         if (!self || !current(s)) {
             co_return; // a late answer for a sign-in or a switch that is gone
         }
-        unread_ = count;
-        emit changed();
+        // A poll that finds things as they were tells no view: the popover
+        // would be rebuilt every poll for nothing.
+        if (std::exchange(unread_, count) != count) {
+            emit changed();
+        }
         if (count >= 1) {
             rows = co_await api->feed(feedLimit);
         }
@@ -216,10 +203,14 @@ Task<void> NotifyFeedModel::poll(CancellationToken token) {
     if (!current(s)) {
         co_return;
     }
+    const bool recovered =
+        humanLine_ || consecutiveFailures_ != 0 || nextPollInterval_ != pollInterval;
     humanLine_.reset();
     consecutiveFailures_ = 0;
     nextPollInterval_ = pollInterval;
-    emit changed();
+    if (recovered) {
+        emit changed();
+    }
 
     if (!watermark_ && shownIDs_.isEmpty()) {
         seed(rows);

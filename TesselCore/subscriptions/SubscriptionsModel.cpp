@@ -1,5 +1,6 @@
 #include "subscriptions/SubscriptionsModel.h"
 
+#include "errors/Failures.h"
 #include "subscriptions/MeterlyPresentation.h"
 
 #include <QLocale>
@@ -15,26 +16,8 @@ namespace {
 
 const QString offLine = u"Subscription notifications are off."_s;
 
-bool isCancellation(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Cancelled&) {
-        return true;
-    } catch (...) {
-        return false;
-    }
-}
-
 QString describe(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Failure& failure) {
-        return failure.description();
-    } catch (const std::exception& other) {
-        return QString::fromUtf8(other.what());
-    } catch (...) {
-        return u"unknown error"_s;
-    }
+    return describeFailure(error, u"unknown error"_s);
 }
 
 bool allowed(DesktopNotifications::Authorization status) {

@@ -7,17 +7,6 @@
 
 namespace tessel {
 
-namespace {
-
-QString descriptionOf(const std::exception& error) {
-    if (const auto* failure = dynamic_cast<const Failure*>(&error)) {
-        return failure->description();
-    }
-    return QString::fromUtf8(error.what());
-}
-
-} // namespace
-
 HelpersModel::HelpersModel(Dependencies dependencies, QObject* parent)
     : QObject(parent), dependencies_(std::move(dependencies)) {}
 
@@ -39,7 +28,7 @@ Task<void> HelpersModel::installIfNeeded() {
     } catch (const Cancelled&) {
         throw;
     } catch (const std::exception& error) {
-        failure = descriptionOf(error);
+        failure = describeFailure(error);
     }
     if (!self) {
         co_return;
@@ -74,7 +63,7 @@ Task<void> HelpersModel::installPython() {
     } catch (const Cancelled&) {
         throw;
     } catch (const std::exception& error) {
-        failure = descriptionOf(error);
+        failure = describeFailure(error);
     }
     if (!self) {
         co_return;

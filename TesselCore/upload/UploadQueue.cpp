@@ -1,5 +1,6 @@
 #include "upload/UploadQueue.h"
 
+#include "errors/Failures.h"
 #include "upload/SegmentUploader.h"
 
 #include <QStringList>
@@ -14,15 +15,7 @@ using namespace Qt::Literals::StringLiterals;
 namespace {
 
 QString descriptionOf(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Failure& failure) {
-        return failure.description();
-    } catch (const std::exception& other) {
-        return QString::fromUtf8(other.what());
-    } catch (...) {
-        return u"Unknown failure"_s;
-    }
+    return describeFailure(error, u"Unknown failure"_s);
 }
 
 } // namespace

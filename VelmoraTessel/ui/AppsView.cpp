@@ -7,7 +7,6 @@
 #include <QHBoxLayout>
 #include <QMouseEvent>
 #include <QProgressBar>
-#include <QTimer>
 #include <QVBoxLayout>
 
 namespace tessel::app {
@@ -65,14 +64,7 @@ void AppsView::setModel(AppsModel* model) {
 }
 
 void AppsView::scheduleRebuild() {
-    if (rebuildPending_) {
-        return;
-    }
-    rebuildPending_ = true;
-    QTimer::singleShot(0, this, [this] {
-        rebuildPending_ = false;
-        rebuild();
-    });
+    rebuildLater_.request();
 }
 
 void AppsView::rebuild() {

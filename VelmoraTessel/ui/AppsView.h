@@ -5,6 +5,7 @@
 #pragma once
 
 #include "apps/AppsModel.h"
+#include "ui/RebuildLater.h"
 
 #include <QPointer>
 #include <QWidget>
@@ -27,7 +28,7 @@ private:
 
     QPointer<AppsModel> model_;
     QWidget* body_ = nullptr;
-    bool rebuildPending_ = false;
+    RebuildLater rebuildLater_{this, [this] { rebuild(); }};
 };
 
 } // namespace tessel::app

@@ -102,17 +102,11 @@ void InfraView::setOrg(const QString& host, const QString& name) {
     scheduleRebuild();
 }
 
-// Rebuilt after the current event, never inside the click that changed the
-// model: the clicked button is part of what is replaced.
 void InfraView::scheduleRebuild() {
-    if (std::exchange(rebuildPending_, true)) {
-        return;
-    }
-    QMetaObject::invokeMethod(this, &InfraView::rebuild, Qt::QueuedConnection);
+    rebuildLater_.request();
 }
 
 void InfraView::rebuild() {
-    rebuildPending_ = false;
     if (body_) {
         body_->hide();
         body_->deleteLater();

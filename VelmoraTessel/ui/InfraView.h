@@ -4,6 +4,7 @@
 #pragma once
 
 #include "infra/InfraModel.h"
+#include "ui/RebuildLater.h"
 
 #include <QPointer>
 #include <QUrl>
@@ -43,7 +44,7 @@ private:
     QString host_;
     QString name_;
     QWidget* body_ = nullptr;
-    bool rebuildPending_ = false;
+    RebuildLater rebuildLater_{this, [this] { rebuild(); }};
 };
 
 } // namespace tessel::app

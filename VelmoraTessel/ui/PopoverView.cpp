@@ -19,7 +19,6 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLocale>
-#include <QTimer>
 #include <QWindow>
 
 namespace tessel::app {
@@ -147,16 +146,10 @@ void PopoverView::showEvent(QShowEvent* event) {
 }
 
 void PopoverView::scheduleRebuild() {
-    // Many changes in one turn of the loop make one rebuild; a hidden popover
-    // builds nothing until it is shown.
-    if (rebuildPending_ || !isVisible()) {
-        return;
+    // A hidden popover builds nothing until it is shown.
+    if (isVisible()) {
+        rebuildLater_.request();
     }
-    rebuildPending_ = true;
-    QTimer::singleShot(0, this, [this] {
-        rebuildPending_ = false;
-        rebuild();
-    });
 }
 
 void PopoverView::refreshEverything() {

@@ -12,6 +12,7 @@
 #include "notify/NotifyFeedModel.h"
 #include "subscriptions/SubscriptionsModel.h"
 #include "tools/HelpersModel.h"
+#include "ui/RebuildLater.h"
 
 #include <QPointer>
 #include <QWidget>
@@ -88,7 +89,7 @@ private:
     InfraView* infraView_ = nullptr;
     QWidget* footer_ = nullptr;
     QVBoxLayout* outer_ = nullptr;
-    bool rebuildPending_ = false;
+    RebuildLater rebuildLater_{this, [this] { rebuild(); }};
 };
 
 } // namespace tessel::app

@@ -71,14 +71,7 @@ void SubscriptionsWindow::resizeEvent(QResizeEvent* event) {
 }
 
 void SubscriptionsWindow::scheduleRebuild() {
-    if (rebuildPending_) {
-        return;
-    }
-    rebuildPending_ = true;
-    QTimer::singleShot(0, this, [this] {
-        rebuildPending_ = false;
-        rebuild();
-    });
+    rebuildLater_.request();
 }
 
 void SubscriptionsWindow::rebuild() {

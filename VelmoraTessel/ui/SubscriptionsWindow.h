@@ -6,6 +6,7 @@
 
 #include "subscriptions/SubscriptionsDashboardContent.h"
 #include "subscriptions/SubscriptionsModel.h"
+#include "ui/RebuildLater.h"
 
 #include <QPointer>
 #include <QSettings>
@@ -61,7 +62,7 @@ private:
     QScrollArea* cardsArea_ = nullptr;
     std::optional<QString> selected_;
     int columns_ = 0;
-    bool rebuildPending_ = false;
+    RebuildLater rebuildLater_{this, [this] { rebuild(); }};
 };
 
 } // namespace tessel::app

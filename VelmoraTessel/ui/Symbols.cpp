@@ -98,18 +98,32 @@ QStringList themeNames(const QString& symbol) {
 }
 
 QIcon symbolIcon(const QString& symbol, const QPalette& palette) {
+    // Each icon is made once per theme and ink and then shared. The popover
+    // is rebuilt on every change of a call's status; fresh icons each time
+    // filled Qt's pixmap cache with renderings of icons long gone (megabytes
+    // held after the call) and asked the theme's folders again each time.
+    const QColor ink = palette.color(QPalette::WindowText);
+    const QString key = symbol + QLatin1Char('\n') + QIcon::themeName() + QLatin1Char('\n') +
+                        QString::number(ink.rgba());
+    static QHash<QString, QIcon> made;
+    if (const auto found = made.constFind(key); found != made.constEnd()) {
+        return *found;
+    }
+    QIcon icon;
     for (const QString& name : themeNames(symbol)) {
         if (QIcon::hasThemeIcon(name)) {
-            return QIcon::fromTheme(name);
+            icon = QIcon::fromTheme(name);
+            break;
         }
     }
-    // Unknown symbols show as a ring, like every symbol the theme lacks.
-    const QString known = table().contains(symbol) ? symbol : QStringLiteral("circle");
-    const QColor ink = palette.color(QPalette::WindowText);
-    QIcon icon;
-    for (const qreal scale : {1.0, 2.0}) {
-        icon.addPixmap(drawn(known, ink, scale));
+    if (icon.isNull()) {
+        // Unknown symbols show as a ring, like every symbol the theme lacks.
+        const QString known = table().contains(symbol) ? symbol : QStringLiteral("circle");
+        for (const qreal scale : {1.0, 2.0}) {
+            icon.addPixmap(drawn(known, ink, scale));
+        }
     }
+    made.insert(key, icon);
     return icon;
 }
 

@@ -129,4 +129,16 @@ TEST(ErrorPresentationTest, HumanTextKeepsOutMachineTextAndEndsAtTheFirstSentenc
     }
 }
 
+// Callers show these words as they are: a Failure by its own description, not
+// the UTF-8 of what(); a value that is no exception by the caller's words.
+TEST(ErrorPresentationTest, DescribingAThrownValue) {
+    EXPECT_EQ(describeFailure(own(u"Disk full — free space."_s), u"x"_s),
+              u"Disk full — free space."_s);
+    EXPECT_EQ(describeFailure(thrown(std::runtime_error("bad état")), u"x"_s), u"bad état"_s);
+    EXPECT_EQ(describeFailure(std::make_exception_ptr(42), u"Unknown failure"_s),
+              u"Unknown failure"_s);
+    EXPECT_TRUE(isCancellation(thrown(Cancelled())));
+    EXPECT_FALSE(isCancellation(own(u"cancelled"_s)));
+}
+
 } // namespace

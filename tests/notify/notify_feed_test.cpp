@@ -113,6 +113,26 @@ TEST(NotifyFeed, FirstPollSeedsQuietly) {
     }
 }
 
+// The popover rebuilds on `changed`: a poll that finds things as they were
+// must not send it, one that finds a new row must.
+TEST(NotifyFeed, ChangedOnlyWhenThereIsNews) {
+    Feed feed;
+    feed.add({row("a", -10)});
+    feed.build();
+    feed.poll();
+    int changes = 0;
+    QObject::connect(feed.model.get(), &NotifyFeedModel::changed, [&changes] { ++changes; });
+    feed.seconds = 30;
+    feed.poll();
+    EXPECT_EQ(feed.requests("notify_count"), 2);
+    EXPECT_EQ(changes, 0);
+    feed.add({row("b", 35)});
+    feed.seconds = 60;
+    feed.poll();
+    EXPECT_EQ(feed.model->unread(), 2);
+    EXPECT_GE(changes, 1);
+}
+
 TEST(NotifyFeed, RowsAgainstShownIDsAndTheWatermark) {
     Feed feed;
     feed.store->setShownIDs({u"old"_s});

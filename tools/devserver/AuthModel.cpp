@@ -60,29 +60,6 @@ std::string userCode() {
     return out;
 }
 
-std::string htmlEscaped(const std::string& text) {
-    std::string out;
-    for (char c : text) {
-        switch (c) {
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '&':
-            out += "&amp;";
-            break;
-        case '"':
-            out += "&quot;";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
-}
-
 const char* stateName(int state) {
     static const char* const names[] = {"pending", "approved", "denied", "expired", "consumed"};
     return names[state];
@@ -216,17 +193,17 @@ void AuthModel::page(const httplib::Request& request, httplib::Response& respons
     std::string html = "<!doctype html><html><head><meta charset=\"utf-8\"><title>Device sign-in"
                        "</title></head><body><h1>Sign in a device</h1>";
     if (!message.empty()) {
-        html += "<p>" + htmlEscaped(message) + "</p>";
+        html += "<p>" + markupEscaped(message) + "</p>";
     } else if (grant && grant->state == State::pending) {
         html += "<p>Confirm that Velmora Tessel shows the code <strong>" +
-                htmlEscaped(grant->userCode) +
+                markupEscaped(grant->userCode) +
                 "</strong>.</p><form method=\"post\"><input type=\"hidden\" name=\"user_code\" "
                 "value=\"" +
-                htmlEscaped(grant->userCode) +
+                markupEscaped(grant->userCode) +
                 "\"><button name=\"action\" value=\"approve\">Approve</button> <button "
                 "name=\"action\" value=\"deny\">Decline</button></form>";
     } else {
-        html += "<form><label>Code <input name=\"user_code\" value=\"" + htmlEscaped(code) +
+        html += "<form><label>Code <input name=\"user_code\" value=\"" + markupEscaped(code) +
                 "\"></label> <button>Continue</button></form>";
     }
     response.set_content(html + "</body></html>\n", "text/html; charset=utf-8");

@@ -56,33 +56,13 @@ std::string mediaType(const httplib::Request& request) {
     return type;
 }
 
-std::string xmlEscaped(const std::string& text) {
-    std::string out;
-    for (char c : text) {
-        switch (c) {
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '&':
-            out += "&amp;";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
-}
-
 // Storage refusals look like the object store's, so a client's error path sees
 // the same shape it would in production.
 void storageError(httplib::Response& response, int status, const std::string& code,
                   const std::string& message) {
     response.status = status;
     response.set_content("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Error><Code>" + code +
-                             "</Code><Message>" + xmlEscaped(message) + "</Message><RequestId>" +
+                             "</Code><Message>" + markupEscaped(message) + "</Message><RequestId>" +
                              randomHex(8) + "</RequestId></Error>",
                          "application/xml");
 }

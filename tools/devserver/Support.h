@@ -29,4 +29,7 @@ std::string randomHex(std::size_t bytes);
 // Wall-clock time as ISO 8601 in UTC with milliseconds: 2026-11-23T05:00:00.123Z.
 std::string isoNow();
 
+// Text made safe inside an HTML or XML element or a quoted attribute.
+std::string markupEscaped(const std::string& text);
+
 } // namespace devserver
