@@ -124,7 +124,7 @@ TEST(NotifyFeed, ChangedOnlyWhenThereIsNews) {
     QObject::connect(feed.model.get(), &NotifyFeedModel::changed, [&changes] { ++changes; });
     feed.seconds = 30;
     feed.poll();
-    EXPECT_EQ(feed.requests("notify_count"), 2);
+    EXPECT_EQ(feed.ownServer->requests("notify_count"), 2);
     EXPECT_EQ(changes, 0);
     feed.add({row("b", 35)});
     feed.seconds = 60;
