@@ -62,6 +62,7 @@ public:
 protected:
     void showEvent(QShowEvent* event) override;
     bool event(QEvent* event) override;
+    bool focusNextPrevChild(bool next) override;
 
 private:
     void scheduleRebuild();
@@ -89,6 +90,7 @@ private:
     QWidget* footer_ = nullptr;
     QVBoxLayout* outer_ = nullptr;
     bool rebuildPending_ = false;
+    bool tabFromTop_ = false; // the next Tab starts at the top row
 };
 
 } // namespace tessel::app
