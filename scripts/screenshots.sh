@@ -79,7 +79,9 @@ gone() { # title: waits until no such window is shown
 grab() { # name title
   local id
   id=$(window "$2") || return 1
-  sleep 0.6
+  # The active window's colours: some styles dim an inactive one.
+  xdotool windowfocus --sync "$id" 2>/dev/null || true
+  sleep 1.5 # coming forward refreshes and may rebuild rows
   "$root/build/bin/velmora-screengrab" "$out/$1$suffix.png" "$id"
   echo "$out/$1$suffix.png"
 }

@@ -250,8 +250,6 @@ void PopoverView::fitHeight() {
                                                 : outer_->totalSizeHint().height());
 }
 
-// The apps, the infrastructure and the helpers' strip change on their own
-// time; the popover grows or shrinks with them instead of squeezing its rows.
 // Tab follows the rows as they stand, whichever part was rebuilt last.
 bool PopoverView::focusNextPrevChild(bool next) {
     if (std::exchange(tabFromTop_, false) && next) {
@@ -262,6 +260,8 @@ bool PopoverView::focusNextPrevChild(bool next) {
     return focusAlongRows(this, next);
 }
 
+// The apps, the infrastructure and the helpers' strip change on their own
+// time; the popover grows or shrinks with them instead of squeezing its rows.
 bool PopoverView::event(QEvent* event) {
     const bool handled = QWidget::event(event);
     if (event->type() == QEvent::LayoutRequest && outer_) {

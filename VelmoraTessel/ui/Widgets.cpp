@@ -1,6 +1,7 @@
 #include "ui/Widgets.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace tessel::app {
 
@@ -28,6 +29,36 @@ QFrame* divider(QWidget* parent) {
     line->setFrameShape(QFrame::HLine);
     line->setFrameShadow(QFrame::Sunken);
     return line;
+}
+
+namespace {
+
+// Relative luminance and contrast ratio as WCAG defines them.
+double luminance(const QColor& colour) {
+    const auto channel = [](double c) {
+        return c <= 0.03928 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
+    };
+    return 0.2126 * channel(colour.redF()) + 0.7152 * channel(colour.greenF()) +
+           0.0722 * channel(colour.blueF());
+}
+
+double contrast(const QColor& a, const QColor& b) {
+    const double first = luminance(a);
+    const double second = luminance(b);
+    return (std::max(first, second) + 0.05) / (std::min(first, second) + 0.05);
+}
+
+} // namespace
+
+QColor readableOn(const QColor& ink, const QColor& background) {
+    const QColor toward = luminance(background) < 0.5 ? QColor(Qt::white) : QColor(Qt::black);
+    QColor mixed = ink;
+    for (double share = 0.1; contrast(mixed, background) < 4.5 && share <= 1.0; share += 0.1) {
+        mixed.setRgbF(ink.redF() + (toward.redF() - ink.redF()) * share,
+                      ink.greenF() + (toward.greenF() - ink.greenF()) * share,
+                      ink.blueF() + (toward.blueF() - ink.blueF()) * share);
+    }
+    return mixed;
 }
 
 QList<QWidget*> rowOrder(QWidget* root) {
