@@ -82,6 +82,15 @@ grab() { # name title
   # The active window's colours: some styles dim an inactive one.
   xdotool windowfocus --sync "$id" 2>/dev/null || true
   sleep 1.5 # coming forward refreshes and may rebuild rows
+  # A window that just grew is black below until it paints: wait until its
+  # size holds.
+  local before after
+  for _ in $(seq 10); do
+    before=$(xdotool getwindowgeometry "$id")
+    sleep 0.5
+    after=$(xdotool getwindowgeometry "$id")
+    [ "$before" = "$after" ] && break
+  done
   "$root/build/bin/velmora-screengrab" "$out/$1$suffix.png" "$id"
   echo "$out/$1$suffix.png"
 }
@@ -91,8 +100,9 @@ grab() { # name title
 press() { # title count [key]
   local id
   id=$(window "$1") || return 1
+  # Qt lets a window go inactive only after a short grace time.
   xdotool windowfocus "$root_window" 2>/dev/null || true
-  sleep 0.4
+  sleep 1
   xdotool windowfocus --sync "$id"
   # Coming forward refreshes the open calls and the infrastructure, which
   # rebuilds rows: Tab waits until they stand.
@@ -161,12 +171,6 @@ shoot() { # suffix, then environment assignments
   gone "Set up conductor"
   sleep 1
   grab popover-signed-in Velmora
-
-  # Restart conductor: the button right of "Open conductor".
-  press Velmora $((infra_first + 1))
-  sleep 0.3
-  grab popover-restarting Velmora
-  sleep 2
 
   # The subscriptions row: after the conductor's two buttons and the tunnel log.
   press Velmora $((infra_first + 3))
