@@ -77,10 +77,21 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
         .python = HelperPython::pythonRunner(),
         .packageTool = HelperPython::packageToolRunner(),
     });
-    delegate_.launchJobs.push_back([helpers = QPointer<HelpersModel>(helpers_.get())] {
-        spawn([helpers]() -> Task<void> {
-            if (helpers) {
-                co_await helpers->installIfNeeded();
+    // The tools are looked up once installed: on a first start the infrastructure
+    // and the subscription watch found none and said "not installed" for good.
+    // The subscription watch reads at once and on its timer from then on,
+    // whether or not its window is ever opened.
+    delegate_.launchJobs.push_back([this, self = QPointer<TesselApp>(this)] {
+        spawn([this, self]() -> Task<void> {
+            co_await helpers_->installIfNeeded();
+            if (!self) {
+                co_return;
+            }
+            popover_->setSubscriptions(&subscriptions());
+            if (helpers_->ready()) {
+                const std::shared_ptr<InfraModel> infra = infra_;
+                infra->rebindHelpers();
+                co_await infra->refresh(false);
             }
         });
     });
@@ -92,10 +103,6 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
                                                         HTTPClient(session),
                                                         endpoints_.notifyServiceURL.toString());
     delegate_.launchJobs.push_back([this] { notifications_->startPolling(); });
-
-    // The subscription watch reads at once and on its timer from the end of
-    // launching on, whether or not its window is ever opened.
-    delegate_.launchJobs.push_back([this] { popover_->setSubscriptions(&subscriptions()); });
 
     popover_ = std::make_unique<PopoverView>(
         *model_, controller_,

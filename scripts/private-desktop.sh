@@ -10,10 +10,24 @@ cleanup() {
 }
 trap cleanup EXIT
 
+# With `stand_ins=ON` set first, the build bundles velmora-faketool as every
+# helper tool (see stand_in_tools); any other build bundles none.
 build_program() {
   bash scripts/setup.sh
-  cmake --preset release >/dev/null
-  cmake --build --preset release -j "$(nproc)" --target VelmoraTessel velmora-devserver "$@"
+  cmake --preset release -DTESSEL_HELPERS_FAKE="${stand_ins:-OFF}" >/dev/null
+  cmake --build --preset release -j "$(nproc)" --target VelmoraTessel velmora-devserver helpers "$@"
+}
+
+# The sibling tools (velmora-conductor-onboard, meterly, vantor-accounts, …)
+# played by velmora-faketool from a scenario written into the work folder. The
+# program installs its bundled helpers into a private data folder, so the
+# stand-ins never replace the user's own tools; each run is logged to
+# $work/tools/runs.jsonl.
+stand_in_tools() {
+  export XDG_DATA_HOME="$work/data"
+  VELMORA_FAKETOOL_SCENARIO=$(python3 tools/faketool/scenarios/desktop.py "$work/tools")
+  export VELMORA_FAKETOOL_SCENARIO VELMORA_FAKETOOL_LOG="$work/tools/runs.jsonl"
+  echo "sibling tools: stand-ins (velmora-faketool, $VELMORA_FAKETOOL_SCENARIO)"
 }
 
 # velmora-devserver with the given options; sets `origin` and `cert`.

@@ -7,6 +7,9 @@
 #include <QHBoxLayout>
 #include <QMouseEvent>
 #include <QProgressBar>
+#include <QStyleOptionFocusRect>
+#include <QStylePainter>
+#include <QTimer>
 #include <QVBoxLayout>
 
 namespace tessel::app {
@@ -35,6 +38,16 @@ protected:
             return;
         }
         QWidget::keyPressEvent(event);
+    }
+    // The row has no frame of its own: without this, Tab seems to go nowhere.
+    void paintEvent(QPaintEvent* event) override {
+        QWidget::paintEvent(event);
+        if (hasFocus()) {
+            QStylePainter painter(this);
+            QStyleOptionFocusRect option;
+            option.initFrom(this);
+            painter.drawPrimitive(QStyle::PE_FrameFocusRect, option);
+        }
     }
 
 private:

@@ -78,6 +78,10 @@ CallWindow::CallWindow(AppModel& model, std::function<void(const QString&)> open
         });
     });
     start_->setDefault(true);
+    // A default button acts on Return only inside a dialog; this is a window.
+    for (QLineEdit* field : {title_, counterpart_, project_}) {
+        connect(field, &QLineEdit::returnPressed, start_, &QPushButton::click);
+    }
     row->addWidget(cancel_);
     row->addStretch();
     row->addWidget(start_);

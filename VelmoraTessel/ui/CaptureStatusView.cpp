@@ -91,7 +91,8 @@ QWidget* captureStatusView(const CaptureSnapshot& capture, bool inPopover,
             layout->addWidget(errorNotice(capture.error.value_or(CaptureSession::signInMessage),
                                           capture.errorDetails, box));
             layout->addWidget(iconButton(QStringLiteral("person.crop.circle"),
-                                         QStringLiteral("Sign in…"), QString(), box,
+                                         QStringLiteral("Sign in…"), QStringLiteral("Sign in…"),
+                                         box,
                                          [actions] {
                                              actions.dismiss();
                                              actions.openWindow(QStringLiteral("login"));
@@ -122,22 +123,23 @@ QWidget* captureStatusView(const CaptureSnapshot& capture, bool inPopover,
         if (capture.canStop) {
             const bool uploading = state == CaptureState::uploading;
             // Not a dismissal: the popover stays to show the stop.
-            auto* stop = iconButton(
-                QStringLiteral("stop.circle"),
-                uploading ? QStringLiteral("Uploading…") : QStringLiteral("Stop & write notes"),
-                QString(), box, [actions, inPopover] { actions.stop(!inPopover); });
+            const QString stopWords =
+                uploading ? QStringLiteral("Uploading…") : QStringLiteral("Stop & write notes");
+            auto* stop = iconButton(QStringLiteral("stop.circle"), stopWords, stopWords, box,
+                                    [actions, inPopover] { actions.stop(!inPopover); });
             stop->setEnabled(!uploading);
             layout->addWidget(stop, 0, Qt::AlignLeft);
         } else if (state == CaptureState::failed || state == CaptureState::superseded) {
             // The one way out of a capture that can't be stopped.
             layout->addWidget(iconButton(QStringLiteral("arrow.left"), QStringLiteral("Back"),
-                                         QString(), box, actions.clear),
+                                         QStringLiteral("Back"), box, actions.clear),
                               0, Qt::AlignLeft);
         }
     }
     if (capture.meetingID) {
         layout->addWidget(iconButton(QStringLiteral("note.text"),
-                                     QStringLiteral("Open notes in browser"), QString(), box,
+                                     QStringLiteral("Open notes in browser"),
+                                     QStringLiteral("Notes"), box,
                                      [actions] {
                                          actions.dismiss();
                                          actions.openNotes();

@@ -122,6 +122,10 @@ ConductorSetupWindow::ConductorSetupWindow(InfraModel* infra,
     layout->addLayout(buttons);
     connect(dryRun_, &QPushButton::clicked, this, [this] { start(true); });
     connect(run_, &QPushButton::clicked, this, [this] { start(false); });
+    // A default button acts on Return only inside a dialog; this is a window.
+    for (QLineEdit* field : form_->findChildren<QLineEdit*>()) {
+        connect(field, &QLineEdit::returnPressed, run_, &QPushButton::click);
+    }
 
     stepsColumn_ = new QVBoxLayout;
     layout->addLayout(stepsColumn_);

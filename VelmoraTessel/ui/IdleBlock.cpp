@@ -46,10 +46,10 @@ IdleBlock::IdleBlock(AppModel& model, std::function<void()> dismiss, QWidget* pa
         auto* buttons = new QHBoxLayout;
         const bool stopping = model.stoppingOpenCall() == call.id;
         // Not a dismissal: the popover stays to show the stop.
-        auto* stop = iconButton(QStringLiteral("stop.circle"),
-                                stopping ? QStringLiteral("Stopping…")
-                                         : QStringLiteral("Stop & write notes"),
-                                QString(), this, [owner, id = call.id] {
+        const QString stopWords =
+            stopping ? QStringLiteral("Stopping…") : QStringLiteral("Stop & write notes");
+        auto* stop = iconButton(QStringLiteral("stop.circle"), stopWords, stopWords, this,
+                                [owner, id = call.id] {
                                     spawn([owner, id]() -> Task<void> {
                                         if (owner) {
                                             co_await owner->stopOpenCall(id, false);
@@ -58,14 +58,14 @@ IdleBlock::IdleBlock(AppModel& model, std::function<void()> dismiss, QWidget* pa
                                 });
         stop->setEnabled(!model.stoppingOpenCall());
         buttons->addWidget(stop);
-        buttons->addWidget(iconButton(QStringLiteral("note.text"),
-                                      QStringLiteral("Open in browser"), QString(), this,
-                                      [owner, dismiss, id = call.id] {
-                                          dismiss();
-                                          if (owner) {
-                                              owner->openCall(id);
-                                          }
-                                      }));
+        buttons->addWidget(
+            iconButton(QStringLiteral("note.text"), QStringLiteral("Open in browser"),
+                       QStringLiteral("Open in browser"), this, [owner, dismiss, id = call.id] {
+                           dismiss();
+                           if (owner) {
+                               owner->openCall(id);
+                           }
+                       }));
         buttons->addStretch();
         entry->addLayout(buttons);
         calls->addLayout(entry);

@@ -53,6 +53,8 @@ LoginWindow::LoginWindow(AppModel& model, OpenURL openURL, QWidget* parent)
         }
     });
     signIn_->setDefault(true);
+    // A default button acts on Return only inside a dialog; this is a window.
+    connect(address_, &QLineEdit::returnPressed, signIn_, &QPushButton::click);
     row->addWidget(signIn_);
     layout->addLayout(row);
 

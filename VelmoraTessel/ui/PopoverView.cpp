@@ -21,6 +21,8 @@
 #include <QLocale>
 #include <QWindow>
 
+#include <utility>
+
 namespace tessel::app {
 
 PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions actions,
@@ -241,12 +243,27 @@ void PopoverView::fitHeight() {
                                                 : outer_->totalSizeHint().height());
 }
 
+// Tab follows the rows as they stand, whichever part was rebuilt last.
+bool PopoverView::focusNextPrevChild(bool next) {
+    if (std::exchange(tabFromTop_, false) && next) {
+        if (QWidget* focused = focusWidget()) {
+            focused->clearFocus();
+        }
+    }
+    return focusAlongRows(this, next);
+}
+
 // The apps, the infrastructure and the helpers' strip change on their own
 // time; the popover grows or shrinks with them instead of squeezing its rows.
 bool PopoverView::event(QEvent* event) {
     const bool handled = QWidget::event(event);
     if (event->type() == QEvent::LayoutRequest && outer_) {
         fitHeight();
+    }
+    // Each time it comes forward, as a menu does, the first Tab reaches the
+    // top row: the widget that had the focus may be long rebuilt.
+    if (event->type() == QEvent::WindowActivate) {
+        tabFromTop_ = true;
     }
     return handled;
 }

@@ -63,6 +63,7 @@ public:
 protected:
     void showEvent(QShowEvent* event) override;
     bool event(QEvent* event) override;
+    bool focusNextPrevChild(bool next) override;
 
 private:
     void scheduleRebuild();
@@ -90,6 +91,7 @@ private:
     QWidget* footer_ = nullptr;
     QVBoxLayout* outer_ = nullptr;
     RebuildLater rebuildLater_{this, [this] { rebuild(); }};
+    bool tabFromTop_ = false; // the next Tab starts at the top row
 };
 
 } // namespace tessel::app

@@ -55,9 +55,10 @@ QLabel* pill(const QString& text, const QColor& colour, QWidget* parent) {
     auto* label = new QLabel(text, parent);
     QColor fill = colour;
     fill.setAlphaF(0.12);
+    const QColor ink = readableOn(colour, parent->palette().color(QPalette::Window));
     label->setStyleSheet(QStringLiteral("color: %1; background: %2; border-radius: 7px; "
                                         "padding: 1px 5px; font-size: 8pt;")
-                             .arg(colour.name(), fill.name(QColor::HexArgb)));
+                             .arg(ink.name(), fill.name(QColor::HexArgb)));
     return label;
 }
 

@@ -16,4 +16,17 @@ QPushButton* button(const QString& text, QWidget* parent, std::function<void()> 
 // A thin horizontal line between blocks.
 QFrame* divider(QWidget* parent);
 
+// `ink`, or when it is too faint on `background` (under 4.5:1, as a dark
+// palette's highlight is on its window) mixed towards black or white until it
+// reads.
+QColor readableOn(const QColor& ink, const QColor& background);
+
+// The widgets under `root` that Tab reaches, in reading order: row by row from
+// the top, left to right within a row. Qt's own chain is creation order, which
+// parts rebuilt on their own time scramble.
+QList<QWidget*> rowOrder(QWidget* root);
+// Moves the focus along `rowOrder(root)`, wrapping around; false when nothing
+// there takes focus.
+bool focusAlongRows(QWidget* root, bool next);
+
 } // namespace tessel::app

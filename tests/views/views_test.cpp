@@ -10,6 +10,7 @@
 #include "ui/SubscriptionCard.h"
 #include "ui/SubscriptionsSummaryRow.h"
 #include "ui/Toolbar.h"
+#include "ui/Widgets.h"
 
 #include "support/AppModelRig.h"
 #include "support/HelpersRig.h"
@@ -17,9 +18,12 @@
 
 #include <QApplication>
 #include <QCheckBox>
+#include <QFile>
+#include <QHBoxLayout>
 #include <QLabel>
 #include <QMenu>
 #include <QToolButton>
+#include <QVBoxLayout>
 
 #include <gtest/gtest.h>
 
@@ -256,3 +260,38 @@ TEST(ViewsTest, HelpersStripFollowsTheModel) {
 }
 
 } // namespace
+
+// Tab goes by where the widgets stand, not by when they were made: a part
+// rebuilt later must not jump to the end. Hidden and disabled ones are skipped.
+TEST(ViewsTest, TabFollowsTheRows) {
+    QWidget root;
+    auto* below = new QPushButton(QStringLiteral("below"), &root);
+    auto* right = new QPushButton(QStringLiteral("right"), &root);
+    auto* off = new QPushButton(QStringLiteral("off"), &root);
+    auto* left = new QPushButton(QStringLiteral("left"), &root);
+    auto* hidden = new QPushButton(QStringLiteral("hidden"), &root);
+    auto* rows = new QVBoxLayout(&root);
+    auto* top = new QHBoxLayout;
+    top->addWidget(left);
+    top->addWidget(right);
+    top->addWidget(off);
+    rows->addLayout(top);
+    rows->addWidget(hidden);
+    rows->addWidget(below);
+    off->setEnabled(false);
+    hidden->hide();
+    root.resize(300, 200);
+    rows->activate();
+    EXPECT_EQ(rowOrder(&root), (QList<QWidget*>{left, right, below}));
+}
+
+// A dark palette's highlight as text on its window is too faint to read; a
+// colour that already reads stays as it is.
+TEST(ViewsTest, FaintInkIsMadeReadable) {
+    const QColor highlight(0x15, 0x53, 0x9e);
+    const QColor lifted = readableOn(highlight, QColor(0x35, 0x35, 0x35));
+    EXPECT_NE(lifted, highlight);
+    EXPECT_GT(lifted.lightness(), highlight.lightness());
+    EXPECT_EQ(readableOn(highlight, Qt::white), highlight);
+    EXPECT_LT(readableOn(QColor(0xf0, 0xf0, 0xf0), Qt::white).lightness(), 0xf0);
+}
