@@ -54,6 +54,8 @@ reading = {
     "fetched_at": at(),
     "seats": seats,
     "alerts": ["kimi:main monthly window at 93%"],
+    "alerts_detail": [{"seat": "kimi:main", "title": "Kimi · main", "short": "km",
+                       "human": "monthly window at 93%", "status": "capped"}],
     "next": {"operator": "claude:work", "build": "codex:team", "review": "codex:team"},
     "timeline": [{"seat": s["id"], "label": w["label"], "resets_at": w["resets_at"]}
                  for s in seats for w in s["windows"] if "resets_at" in w],
