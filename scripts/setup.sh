@@ -12,7 +12,7 @@ packages=(
   ffmpeg pulseaudio pulseaudio-utils espeak-ng sox
   dbus dbus-daemon gnome-keyring libsecret-tools curl ca-certificates openssl procps
   unzip python3
-  xdg-utils xvfb xdotool x11-utils adwaita-qt6
+  xdg-utils xvfb xdotool x11-utils libx11-dev libxdamage-dev adwaita-qt6
 )
 
 sudo_cmd=()
