@@ -86,8 +86,11 @@ public:
     const MeetAPI& api() const { return api_; }
 
 signals:
-    // Any observable property changed.
+    // Any observable property changed, except a clock that only moved.
     void changed();
+    // Only elapsed() reached a new whole second: a view moves its clock in
+    // place rather than build itself again.
+    void clockMoved();
 
 private:
     struct StartRequest {
