@@ -5,6 +5,8 @@
 #include "net/HTTPFailure.h"
 #include "upload/SegmentUploader.h"
 
+#include <malloc.h>
+
 namespace tessel {
 
 using namespace Qt::Literals::StringLiterals;
@@ -104,6 +106,14 @@ CaptureSession::~CaptureSession() {
     if (hardware_) {
         hardware_->stop();
     }
+}
+
+// The call's threads (sound server, encoder, uploads) each left a malloc
+// arena behind, and glibc keeps their freed pages resident for the life of
+// the process, a tray program that idles for hours. This runs
+// after every other member, the sound and the uploads, is gone.
+CaptureSession::ReturnFreedMemory::~ReturnFreedMemory() {
+    malloc_trim(0);
 }
 
 bool CaptureSession::canStop() const {

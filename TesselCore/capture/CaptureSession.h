@@ -116,6 +116,13 @@ private:
     void superseded(const QString& words);
     void stopHardware();
 
+    // First, so that it ends last: gives back what the call's threads freed.
+    struct ReturnFreedMemory {
+        ReturnFreedMemory() = default;
+        ReturnFreedMemory(const ReturnFreedMemory&) = delete;
+        ReturnFreedMemory& operator=(const ReturnFreedMemory&) = delete;
+        ~ReturnFreedMemory();
+    } returnFreedMemory_;
     MeetAPI api_;
     MakeAudio makeAudio_;
     Clock clock_;
