@@ -5,6 +5,8 @@
 #include "net/HTTPFailure.h"
 #include "upload/SegmentUploader.h"
 
+#include <malloc.h>
+
 namespace tessel {
 
 using namespace Qt::Literals::StringLiterals;
@@ -104,6 +106,14 @@ CaptureSession::~CaptureSession() {
     if (hardware_) {
         hardware_->stop();
     }
+}
+
+// The call's threads (sound server, encoder, uploads) each left a malloc
+// arena behind, and glibc keeps their freed pages resident for the life of
+// the process, a tray program that idles for hours. This runs
+// after every other member, the sound and the uploads, is gone.
+CaptureSession::ReturnFreedMemory::~ReturnFreedMemory() {
+    malloc_trim(0);
 }
 
 bool CaptureSession::canStop() const {
@@ -297,17 +307,20 @@ void CaptureSession::handle(const CaptureEvent& event, UploadQueue& queue) {
         }
     } else if (const auto* meter = std::get_if<MeterReading>(&event)) {
         // Ten readings a second, and every `changed` rebuilds the popover:
-        // only a new whole second or a flag that turned is news. A click
-        // landing between two rebuilds was lost to the button's replacement.
-        const bool news = qint64(meter->elapsed) != qint64(elapsed_) ||
-                          meter->local != micHealthy_ || meter->remote != systemHealthy_ ||
-                          meter->silent != silent_;
+        // only a flag that turned is news for the rows. A new whole second
+        // moves the clock alone; a rebuild each second resized the popover
+        // under the pointer and could swallow a click on Stop.
+        const bool turned = meter->local != micHealthy_ || meter->remote != systemHealthy_ ||
+                            meter->silent != silent_;
+        const bool ticked = qint64(meter->elapsed) != qint64(elapsed_);
         elapsed_ = meter->elapsed;
         micHealthy_ = meter->local;
         systemHealthy_ = meter->remote;
         silent_ = meter->silent;
-        if (news) {
+        if (turned) {
             emit changed();
+        } else if (ticked) {
+            emit clockMoved();
         }
     } else if (const auto* failure = std::get_if<CaptureFailure>(&event)) {
         halt(ErrorPresentation::from(TesselError(failure->message)));
@@ -354,6 +367,10 @@ void CaptureSession::refreshUploadStatus() {
     if (!queue_) {
         return;
     }
+    // Called every second during a call: only a difference is news.
+    const UploadStatus uploadsBefore = uploads_;
+    const std::optional<QString> errorBefore = error_;
+    const std::optional<QString> detailsBefore = errorDetails_;
     uploads_ = queue_->status();
     if (uploads_.pending == 0 && uploadHTTP_) {
         uploadHTTP_->clearFailures(); // the problem is over
@@ -374,7 +391,9 @@ void CaptureSession::refreshUploadStatus() {
         errorDetails_ = line ? std::optional(line->detailLine) : std::nullopt;
     }
     uploadMessage_ = line ? std::optional(line->humanLine) : std::nullopt;
-    emit changed();
+    if (uploads_ != uploadsBefore || error_ != errorBefore || errorDetails_ != detailsBefore) {
+        emit changed();
+    }
 }
 
 Task<void> CaptureSession::pollOwnership(CancellationToken token) {

@@ -86,8 +86,11 @@ public:
     const MeetAPI& api() const { return api_; }
 
 signals:
-    // Any observable property changed.
+    // Any observable property changed, except a clock that only moved.
     void changed();
+    // Only elapsed() reached a new whole second: a view moves its clock in
+    // place rather than build itself again.
+    void clockMoved();
 
 private:
     struct StartRequest {
@@ -113,6 +116,13 @@ private:
     void superseded(const QString& words);
     void stopHardware();
 
+    // First, so that it ends last: gives back what the call's threads freed.
+    struct ReturnFreedMemory {
+        ReturnFreedMemory() = default;
+        ReturnFreedMemory(const ReturnFreedMemory&) = delete;
+        ReturnFreedMemory& operator=(const ReturnFreedMemory&) = delete;
+        ~ReturnFreedMemory();
+    } returnFreedMemory_;
     MeetAPI api_;
     MakeAudio makeAudio_;
     Clock clock_;

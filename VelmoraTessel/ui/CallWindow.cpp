@@ -128,10 +128,12 @@ void CallWindow::refresh() {
                                [this] { openWindow_(QStringLiteral("login")); }));
     }
     if (model.capture() && !model.startingCapture()) {
-        rows->addWidget(captureStatusView(CaptureSnapshot::of(*model.capture()), false,
-                                          CaptureActions::of(
-                                              model, [] {}, openWindow_),
-                                          status_));
+        QWidget* capture = captureStatusView(CaptureSnapshot::of(*model.capture()), false,
+                                             CaptureActions::of(
+                                                 model, [] {}, openWindow_),
+                                             status_);
+        followClock(capture, *model.capture());
+        rows->addWidget(capture);
     }
     statusRows_->addWidget(status_);
 }

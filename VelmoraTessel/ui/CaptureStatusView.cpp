@@ -6,6 +6,8 @@
 
 #include "upload/SilenceMeter.h"
 
+#include <QLabel>
+#include <QPointer>
 #include <QVBoxLayout>
 
 namespace tessel::app {
@@ -60,6 +62,10 @@ QString statusWord(CaptureState state) {
     }
 }
 
+QString headlineText(CaptureState state, double elapsed) {
+    return statusWord(state) + QStringLiteral(" · ") + elapsedText(elapsed);
+}
+
 QString mark(bool healthy) {
     return healthy ? QStringLiteral("✓") : QStringLiteral("—");
 }
@@ -99,8 +105,7 @@ QWidget* captureStatusView(const CaptureSnapshot& capture, bool inPopover,
                                          }),
                               0, Qt::AlignLeft);
         }
-        auto* headline =
-            textLine(statusWord(state) + QStringLiteral(" · ") + elapsedText(capture.elapsed), box);
+        auto* headline = textLine(headlineText(state, capture.elapsed), box);
         headline->setObjectName(QStringLiteral("headline"));
         headline->setStyleSheet(QStringLiteral("font-weight: bold;"));
         layout->addWidget(headline);
@@ -147,6 +152,19 @@ QWidget* captureStatusView(const CaptureSnapshot& capture, bool inPopover,
                           0, Qt::AlignLeft);
     }
     return box;
+}
+
+void followClock(QWidget* view, CaptureSession& session) {
+    auto* headline = view->findChild<QLabel*>(QStringLiteral("headline"));
+    if (!headline) {
+        return; // preparing or finished: no clock shown
+    }
+    QPointer<CaptureSession> owner(&session);
+    QObject::connect(&session, &CaptureSession::clockMoved, headline, [headline, owner] {
+        if (owner) {
+            headline->setText(headlineText(owner->state(), owner->elapsed()));
+        }
+    });
 }
 
 } // namespace tessel::app

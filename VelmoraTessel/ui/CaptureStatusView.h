@@ -47,4 +47,8 @@ QString elapsedText(double elapsed);
 QWidget* captureStatusView(const CaptureSnapshot& capture, bool inPopover,
                            const CaptureActions& actions, QWidget* parent);
 
+// Keeps the headline of a view built by captureStatusView showing the
+// session's elapsed time, in place, for as long as the view lives.
+void followClock(QWidget* view, CaptureSession& session);
+
 } // namespace tessel::app

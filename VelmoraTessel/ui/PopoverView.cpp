@@ -218,10 +218,12 @@ void PopoverView::rebuild() {
     addCommands(rows);
     const auto dismiss = [this] { controller_.dismiss(); };
     if (CaptureSession* capture = model.capture()) {
-        rows->addWidget(captureStatusView(
+        QWidget* status = captureStatusView(
             CaptureSnapshot::of(*capture), true,
             CaptureActions::of(model, dismiss, [this](const QString& id) { openWorkspace(id); }),
-            top_));
+            top_);
+        followClock(status, *capture);
+        rows->addWidget(status);
     } else {
         rows->addWidget(new IdleBlock(model, dismiss, top_));
     }

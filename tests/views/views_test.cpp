@@ -2,11 +2,13 @@
 // offscreen: the words per capture state, the enable rules of the toolbar and
 // of Start, and the login window's close ending the polling of the local server.
 #include "app/OrgMenuItem.h"
+#include "identity/SessionKeychain.h"
 #include "identity/UserDefaults.h"
 #include "ui/CallWindow.h"
 #include "ui/CaptureStatusView.h"
 #include "ui/HelpersStateStrip.h"
 #include "ui/LoginWindow.h"
+#include "ui/PopoverView.h"
 #include "ui/SubscriptionCard.h"
 #include "ui/SubscriptionsSummaryRow.h"
 #include "ui/Toolbar.h"
@@ -22,6 +24,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMenu>
+#include <QPointer>
 #include <QToolButton>
 #include <QVBoxLayout>
 
@@ -232,6 +235,35 @@ TEST_F(WindowsTest, ClosingLoginEndsThePolling) {
     wait(sleepFor(0.5));
     EXPECT_EQ(server.requests("device_token"), polls);
     EXPECT_FALSE(model->signingIn());
+}
+
+// During a call the clock moves in the headline it was built with, so the
+// popover keeps its size and its Stop button between seconds; a flag that
+// turns still builds the rows again, and the new headline keeps time.
+TEST_F(WindowsTest, PopoverClockMovesInPlaceAndTurnedFlagsRebuild) {
+    SessionKeychain(store, [this] {
+        return wall;
+    }).save({"vses_member", std::nullopt, wall.addSecs(3600)}, "alpha.velmora.test");
+    model->changeOrganisation();
+    ASSERT_TRUE(wait(model->start("Weekly sync", "Acme", "", true)));
+    PopoverController controller;
+    PopoverView view(*model, controller, {[](const QString&) {}, [] {}, [](const QUrl&) {}});
+    view.show();
+    wait(sleepFor(0.5)); // the lists that showing asks for come back
+    const auto headline = [&] { return view.findChild<QLabel*>("headline"); };
+    QPointer<QLabel> first = headline();
+    ASSERT_TRUE(first);
+    const QSize size = view.size();
+
+    audio->stream->push(MeterReading{61.4, false, false, false});
+    ASSERT_TRUE(eventually([&] { return first && first->text() == "Listening · 1:01"; }));
+    EXPECT_EQ(view.size(), size);
+
+    audio->stream->push(MeterReading{61.6, true, false, false});
+    ASSERT_TRUE(eventually([&] { return !first; }));
+    EXPECT_TRUE(lines(&view).contains("mic ✓ · system audio —"));
+    audio->stream->push(MeterReading{62.1, true, false, false});
+    EXPECT_TRUE(eventually([&] { return headline()->text() == "Listening · 1:02"; }));
 }
 
 // The strip says what the helper tools need, in the order failure, missing
