@@ -10,12 +10,7 @@ cd "$(dirname "$0")/.."
 bin=$PWD/build/bin
 seconds=${IDLE_SECONDS:-60}
 work=$(mktemp -d /tmp/velmora-idle.XXXXXX)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-}
-trap cleanup EXIT
+source scripts/private-desktop.sh
 
 Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp 3>"$work/display" 2>/dev/null &
 pids+=($!)
@@ -27,15 +22,7 @@ dbus-daemon --session --nofork --print-address=3 3>"$work/bus" &
 pids+=($!)
 for _ in $(seq 50); do [ -s "$work/bus" ] && break; sleep 0.1; done
 export DBUS_SESSION_BUS_ADDRESS=$(head -1 "$work/bus")
-"$bin/tessel_sni_watcher" >"$work/watcher.out" &
-pids+=($!)
-sleep 0.5
-"$bin/VelmoraTessel" 2>"$work/app.err" &
-app=$!
-pids+=($app)
-for _ in $(seq 100); do grep -q registered "$work/watcher.out" && break; sleep 0.1; done
-item=$(sed -n 's/^registered //p' "$work/watcher.out" | head -1)
-[ -n "$item" ] || { echo "the tray item never registered"; cat "$work/app.err"; exit 1; }
+tray_app
 sleep 5 # launch jobs (helper installation, first lists) end
 
 ticks=$(getconf CLK_TCK)

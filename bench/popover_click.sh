@@ -22,15 +22,7 @@ private_display >/dev/null
 export QT_QPA_PLATFORM=xcb
 export HOME=$work XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work/data XDG_STATE_HOME=$work/state
 
-"$bin/tessel_sni_watcher" >"$work/watcher.out" &
-pids+=($!)
-sleep 0.5
-"$bin/VelmoraTessel" 2>"$work/app.err" &
-app=$!
-pids+=($app)
-for _ in $(seq 100); do grep -q registered "$work/watcher.out" && break; sleep 0.1; done
-item=$(sed -n 's/^registered //p' "$work/watcher.out" | head -1)
-[ -n "$item" ] || { echo "the tray item never registered"; cat "$work/app.err"; exit 1; }
+tray_app
 sleep 3 # launching ends (helper installation, first readings)
 
 # The program's own CPU time per open and close tells its work apart from

@@ -112,3 +112,18 @@ private_display() {
   export DISPLAY
   echo "display: private Xvfb $DISPLAY (no desktop: the program has no tray and shows its window there)"
 }
+
+# The program beside a stand-in StatusNotifierWatcher, so its tray icon
+# registers as on a desktop with a tray; sets `app` (its PID) and `item` (the
+# icon's bus name). Its standard error goes to $work/app.err.
+tray_app() {
+  "$root/build/bin/tessel_sni_watcher" >"$work/watcher.out" &
+  pids+=($!)
+  sleep 0.5
+  "$root/build/bin/VelmoraTessel" 2>"$work/app.err" &
+  app=$!
+  pids+=($app)
+  for _ in $(seq 100); do grep -q registered "$work/watcher.out" && break; sleep 0.1; done
+  item=$(sed -n 's/^registered //p' "$work/watcher.out" | head -1)
+  [ -n "$item" ] || { echo "the tray item never registered"; cat "$work/app.err"; exit 1; }
+}
