@@ -5,6 +5,7 @@
 #include "identity/SessionKeychain.h"
 #include "support/Processes.h"
 
+#include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QProcess>
@@ -185,4 +186,24 @@ TEST_F(Keyring, SavedSessionIsFoundBySecretTool) {
     const QString stored = run(
         "secret-tool", {"lookup", "service", "ai.velmora.tessel", "account", "acme.velmora.test"});
     EXPECT_EQ(MemberSession::fromJSON(stored.toUtf8()), member);
+}
+
+// The store keeps its connection to the service: a restarted keyring daemon is
+// reached again, not refused for a session the new daemon never opened.
+// (DaemonStartedWithoutUnlockRefuses restarts with no event loop running.)
+TEST_F(Keyring, ReadsAfterTheDaemonRestarts) {
+    startDaemon(true);
+    const MemberSession member = session("vses_member", 3600);
+    keychain.save(member, "acme.test");
+    ASSERT_EQ(keychain.load("acme.test"), member);
+    stopDaemon();
+    startDaemon(true);
+    // As the program's event loop does, let the connection follow the new owner.
+    const QDeadlineTimer settle(300);
+    while (!settle.hasExpired()) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    EXPECT_EQ(keychain.load("acme.test"), member);
+    keychain.save(session("vses_next", 3600), "acme.test");
+    EXPECT_EQ(keychain.load("acme.test")->token, "vses_next");
 }
