@@ -2,6 +2,7 @@
 // time. Runs itself on a private session bus with a gnome-keyring-daemon of its
 // own, so the desktop's keyring is never touched.
 #include "identity/SecretServiceStore.h"
+#include "support/PrivateBus.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -34,28 +35,11 @@ bool keyringOnBus() {
     return p.readAllStandardOutput().contains("boolean true");
 }
 
-int onPrivateBus(int argc, char** argv) {
-    setenv("TESSEL_PRIVATE_BUS", "1", 1);
-    std::string config = "--config-file=" TESSEL_PRIVATE_BUS_CONFIG;
-    char self[4096] = {};
-    if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) {
-        std::perror("/proc/self/exe");
-        return 1;
-    }
-    std::vector<char*> arguments{const_cast<char*>("dbus-run-session"), config.data(),
-                                 const_cast<char*>("--"), self};
-    arguments.insert(arguments.end(), argv + 1, argv + argc);
-    arguments.push_back(nullptr);
-    execvp("dbus-run-session", arguments.data());
-    std::perror("dbus-run-session");
-    return 1;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
     if (!std::getenv("TESSEL_PRIVATE_BUS")) {
-        return onPrivateBus(argc, argv);
+        return tessel::test::rerunOnPrivateBus(argc, argv, TESSEL_PRIVATE_BUS_CONFIG);
     }
     QCoreApplication app(argc, argv);
     const int reads = argc > 1 ? std::atoi(argv[1]) : 200;
