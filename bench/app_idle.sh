@@ -1,27 +1,42 @@
 #!/usr/bin/env bash
-# What the idle tray application costs: it runs under Xvfb on a private bus
-# with a stand-in StatusNotifierWatcher (the tray icon registers, nothing is
-# signed in) and is measured over IDLE_SECONDS (60): resident memory, CPU
-# time, and how often its threads woke (context switches). With SCREENSHOT=file.png
-# the popover is opened over D-Bus and the screen saved after the run.
-# Needs the release build of VelmoraTessel and tessel_sni_watcher.
+# What the idle tray application costs: it runs under Xvfb on a private bus,
+# keyring and sound server, beside a stand-in StatusNotifierWatcher (the tray
+# icon registers), against the local server. Each phase is measured over
+# IDLE_SECONDS (60) with the popover closed: resident memory, CPU time, and
+# how often its threads woke (context switches).
+#   1. signed out, as after a first start;
+#   2. signed in (the device code approved on the local server);
+#   3. after a call of CALL_SECONDS (60) taken from the popover and stopped there.
+# PHASES=1 (or 2) stops early. With SCREENSHOT=file.png the popover is opened
+# after the last phase and the screen saved.
+# Needs the release build (VelmoraTessel, velmora-devserver, tessel_sni_watcher).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bin=$PWD/build/bin
 seconds=${IDLE_SECONDS:-60}
+call_seconds=${CALL_SECONDS:-60}
+phases=${PHASES:-3}
 work=$(mktemp -d /tmp/velmora-idle.XXXXXX)
 source scripts/private-desktop.sh
 
+unset DISPLAY WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS PULSE_SERVER
 Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp 3>"$work/display" 2>/dev/null &
 pids+=($!)
 for _ in $(seq 50); do [ -s "$work/display" ] && break; sleep 0.1; done
 export DISPLAY=":$(head -1 "$work/display")" QT_QPA_PLATFORM=xcb
-export HOME=$work XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work/data XDG_RUNTIME_DIR=$work
-# The default session configuration: the keyring is started on demand, in $HOME.
-dbus-daemon --session --nofork --print-address=3 3>"$work/bus" &
-pids+=($!)
-for _ in $(seq 50); do [ -s "$work/bus" ] && break; sleep 0.1; done
-export DBUS_SESSION_BUS_ADDRESS=$(head -1 "$work/bus")
+export HOME=$work XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work/data
+export XDG_STATE_HOME=$work/state XDG_RUNTIME_DIR=$work
+private_bus >/dev/null
+private_keyring >/dev/null
+private_sound >/dev/null
+stand_in_browser
+start_devserver --https
+write_endpoints "$work/endpoints.json"
+on_missing_window() {
+  ffmpeg -v error -y -f x11grab -video_size 1024x768 -i "$DISPLAY" -frames:v 1 "$work/failed.png" &&
+    echo "the screen: $work/failed.png" >&2
+}
+root_window=$(xdotool search --maxdepth 0 --name "" | head -1)
 tray_app
 sleep 5 # launch jobs (helper installation, first lists) end
 
@@ -30,33 +45,73 @@ cpu() { awk '{print $14 + $15}' "/proc/$app/stat"; }
 # Per thread, so a thread that ends between the samples doesn't count.
 switches() {
   for task in /proc/$app/task/*; do
-    echo "${task##*/} $(awk '/ctxt_switches/ {n += $2} END {print n}' "$task/status" 2>/dev/null)"
+    echo "${task##*/} $(awk '/ctxt_switches/ {n += $2} END {print n}' "$task/status" 2>/dev/null) $(cat "$task/comm" 2>/dev/null | tr ' ' _)"
   done
 }
-cpu0=$(cpu); switches >"$work/sw0"
-sleep "$seconds"
-cpu1=$(cpu); switches >"$work/sw1"
-sw0=0
-sw1=$(awk 'NR == FNR {start[$1] = $2; next} ($1 in start) {n += $2 - start[$1]} END {print n + 0}' \
-  "$work/sw0" "$work/sw1")
-rss=$(awk '/VmRSS/ {print $2}' /proc/$app/status)
-hwm=$(awk '/VmHWM/ {print $2}' /proc/$app/status)
-# Proportional and private figures: most resident pages are shared libraries.
-pss=$(awk '/^Pss:/ {print $2}' /proc/$app/smaps_rollup)
-anon=$(awk '/^Anonymous:/ {print $2}' /proc/$app/smaps_rollup)
-threads=$(ls /proc/$app/task | wc -l)
-awk -v c0="$cpu0" -v c1="$cpu1" -v t="$ticks" -v s="$seconds" -v w0="$sw0" -v w1="$sw1" \
-    -v rss="$rss" -v hwm="$hwm" -v pss="$pss" -v anon="$anon" -v th="$threads" 'BEGIN {
-  printf "idle %d s: CPU %.2f s (%.3f%% of a core), %d wake-ups (%.2f a second, %d threads)\n",
-    s, (c1 - c0) / t, 100 * (c1 - c0) / t / s, w1 - w0, (w1 - w0) / s, th
-  printf "resident memory: %.1f MB now, %.1f MB peak; proportional %.1f MB, anonymous %.1f MB\n",
-    rss / 1024, hwm / 1024, pss / 1024, anon / 1024
-}'
+measure() { # label
+  local cpu0 cpu1
+  cpu0=$(cpu); switches >"$work/sw0"
+  sleep "$seconds"
+  cpu1=$(cpu); switches >"$work/sw1"
+  local sw by_thread rss pss anon threads
+  sw=$(awk 'NR == FNR {start[$1] = $2; next} ($1 in start) {n += $2 - start[$1]} END {print n + 0}' \
+    "$work/sw0" "$work/sw1")
+  by_thread=$(awk 'NR == FNR {start[$1] = $2; next} ($1 in start) && $2 > start[$1] {
+    printf "%s%s %d", sep, $3, $2 - start[$1]; sep = ", "}' "$work/sw0" "$work/sw1")
+  rss=$(awk '/VmRSS/ {print $2}' /proc/$app/status)
+  # Proportional and private figures: most resident pages are shared libraries.
+  pss=$(awk '/^Pss:/ {print $2}' /proc/$app/smaps_rollup)
+  anon=$(awk '/^Anonymous:/ {print $2}' /proc/$app/smaps_rollup)
+  threads=$(ls /proc/$app/task | wc -l)
+  cp /proc/$app/smaps "$work/smaps.$1"
+  awk -v l="$1" -v c0="$cpu0" -v c1="$cpu1" -v t="$ticks" -v s="$seconds" -v sw="$sw" \
+      -v rss="$rss" -v pss="$pss" -v anon="$anon" -v th="$threads" 'BEGIN {
+    printf "%s, idle %d s: CPU %.2f s (%.3f%% of a core), %d wake-ups (%.2f a second, %d threads)\n",
+      l, s, (c1 - c0) / t, 100 * (c1 - c0) / t / s, sw, sw / s, th
+    printf "  resident memory: %.1f MB; proportional %.1f MB, anonymous %.1f MB\n",
+      rss / 1024, pss / 1024, anon / 1024
+  }'
+  [ -z "$by_thread" ] || echo "  wake-ups by thread: $by_thread"
+}
+measure "signed out"
+[ "$phases" -ge 2 ] || exit 0
+
+sign_in_from_tray
+sleep 5
+measure "signed in"
+[ "$phases" -ge 3 ] || exit 0
+
+popover_press 13
+call=$(window "Take notes on this call")
+xdotool windowfocus --sync "$call"
+xdotool type --delay 15 "Idle bench call"
+xdotool key Tab
+xdotool type --delay 15 "Globex"
+# The disclosure shared, then Return in a field starts.
+xdotool key Tab Tab Tab space shift+Tab shift+Tab shift+Tab Return
+gone "Take notes on this call" || { on_missing_window; exit 1; }
+# The call hears noise from the speakers.
+timeout "$call_seconds" pacat --playback --device="$far_sink" --raw --format=s16le --rate=48000 \
+  --channels=2 </dev/urandom 2>"$work/pacat.err" || [ $? -eq 124 ] || cat "$work/pacat.err"
+# Stop & write notes stands where Take notes stood.
+popover_press 13
+sleep 5
+xdotool key Escape 2>/dev/null || true
+curl -fsS --cacert "$cert" "$origin/_control/state" >"$work/server-state.json"
+python3 - "$work/server-state.json" <<'PY'
+import json, sys
+for meeting in json.load(open(sys.argv[1]))["meetings"]:
+    segments = [s for part in meeting["parts"] for s in part["segment_list"] if s["stored"]]
+    kinds = {k: sum(s["kind"] == k for s in segments) for k in ("audio_local", "audio_remote")}
+    size = sum(s["content_length"] for s in segments)
+    print(f"call {meeting['status']}: {len(segments)} segments stored {kinds}, {size / 1024:.0f} KB")
+PY
+measure "after a call of $call_seconds s"
 
 if [ -n "${SCREENSHOT:-}" ]; then
-  gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
-    --method org.kde.StatusNotifierItem.Activate -- 300 200 >/dev/null
+  activate_tray_item
   sleep 1
   ffmpeg -v error -y -f x11grab -video_size 1024x768 -i "$DISPLAY" -frames:v 1 "$SCREENSHOT"
   echo "screenshot: $SCREENSHOT"
 fi
+echo "smaps of each phase: $work/smaps.*"

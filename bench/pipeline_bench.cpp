@@ -12,9 +12,9 @@
 //     mono 32 kbit/s the same way (soxr, the same downmix, the same coder): CPU
 //     seconds of its processes; and, for reference, with its own defaults.
 // Run on demand: build/bin/bench_pipeline [minutes]
-#include "audio/AACEncoder.h"
 #include "audio/AudioPipeline.h"
-#include "audio/PCMResampler.h"
+#include "codec/AACEncoder.h"
+#include "codec/PCMResampler.h"
 #include "upload/Segmenter.h"
 
 #include <QCoreApplication>

@@ -7,6 +7,8 @@
 # drawing into it after the map (a DAMAGE event on the window, i.e. the server
 # has the first frame's pixels). A second Activate closes it between clicks.
 # The first click (cold: the window and its widgets are built) is shown apart.
+# With SIGNED_IN=1 a member is signed in first against the local server (with
+# a private keyring), so the popover holds the signed-in rows.
 # Needs the release build of VelmoraTessel, tessel_sni_watcher and
 # bench_popover_click_probe.
 set -euo pipefail
@@ -22,8 +24,24 @@ private_display >/dev/null
 export QT_QPA_PLATFORM=xcb
 export HOME=$work XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work/data XDG_STATE_HOME=$work/state
 
+signed=${SIGNED_IN:-0}
+if [ "$signed" = 1 ]; then
+  private_keyring >/dev/null
+  stand_in_browser
+  start_devserver --https
+  write_endpoints "$work/endpoints.json"
+  root_window=$(xdotool search --maxdepth 0 --name "" | head -1)
+fi
+
 tray_app
 sleep 3 # launching ends (helper installation, first readings)
+if [ "$signed" = 1 ]; then
+  sign_in_from_tray
+  sleep 3
+  # The probe starts from a closed popover.
+  if xdotool search --onlyvisible --name '^Velmora$' >/dev/null 2>&1; then activate_tray_item; fi
+  gone Velmora
+fi
 
 # The program's own CPU time per open and close tells its work apart from
 # waiting for a shared machine's cores.
@@ -44,7 +62,8 @@ quantiles() {
     END { printf "min %.1f median %.1f p90 %.1f max %.1f", v[1], v[int((NR + 1) / 2)],
           v[int(NR * 0.9 + 0.999)], v[NR] }'
 }
-echo "popover from Activate sent: $clicks clicks, signed out, Xvfb $DISPLAY, load $(cut -d" " -f1-3 /proc/loadavg)"
+state=$([ "$signed" = 1 ] && echo "signed in" || echo "signed out")
+echo "popover from Activate sent: $clicks clicks, $state, Xvfb $DISPLAY, load $(cut -d" " -f1-3 /proc/loadavg)"
 head -1 "$work/clicks" | stats cold
 tail -n +2 "$work/clicks" | stats warm
 echo "program CPU per open + close: $(awk -v t="$(getconf CLK_TCK)" -v d=$((cpu1 - cpu0)) -v n="$clicks" \

@@ -14,15 +14,7 @@ stand_ins=ON
 build_program
 start_devserver --https
 
-cat >"$work/endpoints.json" <<JSON
-{"default_org_host": "acme.velmora.test",
- "org_origin": "$origin",
- "auth_service_url": "$origin",
- "notify_service_url": "$origin/notify",
- "update_feed_url": "$origin/update/feed.json",
- "ca_file": "$cert"}
-JSON
-export VELMORA_TESSEL_ENDPOINTS="$work/endpoints.json"
+write_endpoints "$work/endpoints.json"
 
 private_bus
 private_keyring

@@ -45,6 +45,20 @@ start_devserver() {
   cert=$(echo "$ready" | sed -n 's/.* cert=\([^ ]*\).*/\1/p')
 }
 
+# The endpoints file that points the program at the local server (`origin`,
+# `cert`), exported as VELMORA_TESSEL_ENDPOINTS.
+write_endpoints() { # file
+  cat >"$1" <<JSON
+{"default_org_host": "acme.velmora.test",
+ "org_origin": "$origin",
+ "auth_service_url": "$origin",
+ "notify_service_url": "$origin/notify",
+ "update_feed_url": "$origin/update/feed.json",
+ "ca_file": "$cert"}
+JSON
+  export VELMORA_TESSEL_ENDPOINTS="$1"
+}
+
 # A sound server when none answers: speakers are a null sink, the microphone a
 # source fed by its own null sink. Sets `far_sink` and `near_sink` (empty when
 # the user's own microphone hears the room).
@@ -126,4 +140,91 @@ tray_app() {
   for _ in $(seq 100); do grep -q registered "$work/watcher.out" && break; sleep 0.1; done
   item=$(sed -n 's/^registered //p' "$work/watcher.out" | head -1)
   [ -n "$item" ] || { echo "the tray item never registered"; cat "$work/app.err"; exit 1; }
+}
+
+# Driving the program by keyboard on the display (xdotool). `root_window` is
+# the display's root; a caller may define `on_missing_window` to keep the
+# screen when a window never shows.
+window() { # title: the id of the visible window with that title, waiting for it
+  local id=""
+  for _ in $(seq 100); do
+    id=$(xdotool search --onlyvisible --name "^$1\$" 2>/dev/null | head -1) && [ -n "$id" ] && break
+    sleep 0.1
+  done
+  if [ -z "$id" ]; then
+    echo "no window \"$1\"" >&2
+    if declare -F on_missing_window >/dev/null; then on_missing_window; fi
+    return 1
+  fi
+  echo "$id"
+}
+
+gone() { # title: waits until no such window is shown
+  for _ in $(seq 100); do
+    xdotool search --onlyvisible --name "^$1\$" >/dev/null 2>&1 || return 0
+    sleep 0.1
+  done
+  echo "window \"$1\" still shown" >&2
+  return 1
+}
+
+# Brings the window forward afresh (the popover then starts Tab at its top
+# row), presses Tab `count` times and then the key.
+press() { # title count [key]
+  local id
+  id=$(window "$1") || return 1
+  # Qt lets a window go inactive only after a short grace time.
+  xdotool windowfocus "$root_window" 2>/dev/null || true
+  sleep 1
+  xdotool windowfocus --sync "$id"
+  # Coming forward refreshes the open calls and the infrastructure, which
+  # rebuilds rows: Tab waits until they stand.
+  sleep 1.5
+  [ "$2" -eq 0 ] || xdotool key --delay 80 $(yes Tab | head -n "$2")
+  xdotool key "${3:-space}"
+}
+
+# A stand-in browser first on PATH: the pages the program opens are appended
+# to $work/browser/opened, so a script can approve the sign-in code.
+stand_in_browser() {
+  mkdir -p "$work/browser"
+  printf '#!/bin/sh\necho "$1" >>"%s/browser/opened"\n' "$work" >"$work/browser/xdg-open"
+  chmod +x "$work/browser/xdg-open"
+  export PATH="$work/browser:$PATH"
+}
+
+# Approves the device code of the last sign-in page opened.
+approve_sign_in() {
+  for _ in $(seq 50); do [ -s "$work/browser/opened" ] && break; sleep 0.1; done
+  local code
+  code=$(sed -n 's/.*user_code=\([A-Z0-9-]*\).*/\1/p' "$work/browser/opened" | tail -1)
+  curl -fsS --cacert "$cert" -X POST "$origin/device" -d "user_code=$code&action=approve" >/dev/null
+}
+
+# With tray_app: a click on the icon, as a desktop's tray sends it.
+activate_tray_item() {
+  gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
+    --method org.kde.StatusNotifierItem.Activate -- 300 200 >/dev/null
+}
+
+# Opens the popover from the icon, presses Tab `count` times and then the key.
+popover_press() { # count [key]
+  activate_tray_item
+  local id
+  id=$(window Velmora) || return 1
+  xdotool windowfocus --sync "$id"
+  sleep 1.5 # coming forward refreshes rows
+  [ "$1" -eq 0 ] || xdotool key --delay 80 $(yes Tab | head -n "$1")
+  xdotool key "${2:-space}"
+}
+
+# Signs in as a person would, against the local server (start_devserver,
+# write_endpoints, stand_in_browser): Take notes without a member (the
+# popover's 13th Tab stop) opens the sign-in window, whose Sign in opens the
+# page where the code is approved.
+sign_in_from_tray() {
+  popover_press 13
+  press "Sign in to Velmora" 0 Return
+  approve_sign_in
+  gone "Sign in to Velmora"
 }

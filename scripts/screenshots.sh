@@ -47,69 +47,8 @@ start_display() {
   for _ in $(seq 50); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
   root_window=$(xdotool search --maxdepth 0 --name "" | head -1)
 }
-# The browser: the sign-in page's address is kept, so the code can be approved.
-mkdir -p "$work/browser"
-printf '#!/bin/sh\necho "$1" >>"%s/browser/opened"\n' "$work" >"$work/browser/xdg-open"
-chmod +x "$work/browser/xdg-open"
-export PATH="$work/browser:$PATH"
-
-window() { # title: the id of the visible window with that title, waiting for it
-  local id=""
-  for _ in $(seq 100); do
-    id=$(xdotool search --onlyvisible --name "^$1\$" 2>/dev/null | head -1) && [ -n "$id" ] && break
-    sleep 0.1
-  done
-  if [ -z "$id" ]; then
-    "$root/build/bin/velmora-screengrab" "$out/failed$suffix.png" || true
-    echo "no window \"$1\" (the screen: $out/failed$suffix.png)" >&2
-    return 1
-  fi
-  echo "$id"
-}
-
-gone() { # title: waits until no such window is shown
-  for _ in $(seq 100); do
-    xdotool search --onlyvisible --name "^$1\$" >/dev/null 2>&1 || return 0
-    sleep 0.1
-  done
-  echo "window \"$1\" still shown" >&2
-  return 1
-}
-
-grab() { # name title
-  local id
-  id=$(window "$2") || return 1
-  # The active window's colours: some styles dim an inactive one.
-  xdotool windowfocus --sync "$id" 2>/dev/null || true
-  sleep 1.5 # coming forward refreshes and may rebuild rows
-  # A window that just grew is black below until it paints: wait until its
-  # size holds.
-  local before after
-  for _ in $(seq 10); do
-    before=$(xdotool getwindowgeometry "$id")
-    sleep 0.5
-    after=$(xdotool getwindowgeometry "$id")
-    [ "$before" = "$after" ] && break
-  done
-  "$root/build/bin/velmora-screengrab" "$out/$1$suffix.png" "$id"
-  echo "$out/$1$suffix.png"
-}
-
-# Brings the window forward afresh (the popover then starts Tab at its top
-# row), presses Tab `count` times and then the key.
-press() { # title count [key]
-  local id
-  id=$(window "$1") || return 1
-  # Qt lets a window go inactive only after a short grace time.
-  xdotool windowfocus "$root_window" 2>/dev/null || true
-  sleep 1
-  xdotool windowfocus --sync "$id"
-  # Coming forward refreshes the open calls and the infrastructure, which
-  # rebuilds rows: Tab waits until they stand.
-  sleep 1.5
-  [ "$2" -eq 0 ] || xdotool key --delay 80 $(yes Tab | head -n "$2")
-  xdotool key "${3:-space}"
-}
+stand_in_browser
+on_missing_window() { "$root/build/bin/velmora-screengrab" "$out/failed$suffix.png" || true; }
 
 # Tab stops of the popover, from the top: the toolbar's four buttons, then per
 # app its row and its button (Meet has no button), the inbox, the notifications
@@ -148,9 +87,7 @@ shoot() { # suffix, then environment assignments
   press "Sign in to Velmora" 0 Return
   for _ in $(seq 50); do [ -s "$work/browser/opened" ] && break; sleep 0.1; done
   grab login "Sign in to Velmora"
-  local code
-  code=$(sed -n 's/.*user_code=\([A-Z0-9-]*\).*/\1/p' "$work/browser/opened" | tail -1)
-  curl -fsS --cacert "$cert" -X POST "$origin/device" -d "user_code=$code&action=approve" >/dev/null
+  approve_sign_in
   gone "Sign in to Velmora"
 
   # The conductor set-up: slug and port are filled in; the secrets are typed.

@@ -1,7 +1,6 @@
 #include "audio/AudioPipeline.h"
 
-#include "audio/AACEncoder.h"
-#include "audio/PCMResampler.h"
+#include "audio/Codec.h"
 #include "errors/Failures.h"
 #include "upload/Segmenter.h"
 
@@ -31,10 +30,12 @@ QString describe(const std::exception_ptr& failure) {
 } // namespace
 
 struct AudioPipeline::Channel {
-    explicit Channel(AudioChannel channel) : segmenter(channel, segmentDuration) {}
+    Channel(AudioChannel channel, const CodecModule& codec)
+        : encoder(codec.encoder()), resampler(codec.converter()),
+          segmenter(channel, segmentDuration) {}
 
-    AACEncoder encoder;
-    PCMResampler resampler;
+    std::unique_ptr<AudioEncoder> encoder;
+    std::unique_ptr<AudioConverter> resampler;
     Segmenter segmenter;
     std::optional<double> lastInput; // uptime of the last converted buffer
 };
@@ -129,10 +130,12 @@ void AudioPipeline::start() {
             return;
         }
         // Both encoders or neither: a failure leaves the pipeline as it was.
+        std::shared_ptr<CodecModule> codec = CodecModule::acquire();
         std::array<std::unique_ptr<Channel>, 2> made;
         for (const AudioChannel channel : allChannels) {
-            made[indexOf(channel)] = std::make_unique<Channel>(channel);
+            made[indexOf(channel)] = std::make_unique<Channel>(channel, *codec);
         }
+        codec_ = std::move(codec);
         channels_ = std::move(made);
         epoch_ = options_.now();
         active_ = true;
@@ -173,14 +176,14 @@ void AudioPipeline::process(const BufferJob& job) noexcept {
     if (active_ && epoch_ && job.arrival >= *epoch_) {
         Channel& state = *channels_[indexOf(job.channel)];
         try {
-            const std::vector<float> samples = state.resampler.convert(job.view());
+            const std::vector<float> samples = state.resampler->convert(job.view());
             state.lastInput = job.arrival;
             if (job.channel == AudioChannel::remote) {
                 meter_.observe(samples);
             }
             // Every frame of one buffer sits on the grid at that buffer's arrival.
             const double elapsed = job.arrival - *epoch_;
-            for (const QByteArray& frame : state.encoder.append(samples)) {
+            for (const QByteArray& frame : state.encoder->append(samples)) {
                 for (AudioSegment& segment : state.segmenter.append(frame, elapsed)) {
                     events_.push(std::move(segment));
                 }
@@ -256,8 +259,8 @@ void AudioPipeline::finishOnQueue() {
     for (const AudioChannel channel : allChannels) {
         Channel& state = *channels_[indexOf(channel)];
         try {
-            std::vector<QByteArray> frames = state.encoder.append(state.resampler.finish());
-            for (QByteArray& frame : state.encoder.finish()) {
+            std::vector<QByteArray> frames = state.encoder->append(state.resampler->finish());
+            for (QByteArray& frame : state.encoder->finish()) {
                 frames.push_back(std::move(frame));
             }
             for (const QByteArray& frame : frames) {

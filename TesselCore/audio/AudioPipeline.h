@@ -19,6 +19,8 @@
 
 namespace tessel {
 
+class CodecModule;
+
 struct AudioPipelineOptions {
     // System uptime in seconds; read on the audio threads and the encoding thread.
     NowFunction now = monotonicNow;
@@ -89,7 +91,8 @@ private:
     const Options options_;
     CaptureEventStream events_;
 
-    // Encoding thread only.
+    // Encoding thread only. The module outlives the channels' encoders.
+    std::shared_ptr<CodecModule> codec_;
     std::array<std::unique_ptr<Channel>, 2> channels_;
     SilenceMeter meter_{silenceFloor};
     std::optional<double> epoch_;

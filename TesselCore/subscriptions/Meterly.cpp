@@ -21,7 +21,7 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-const QStringList statusArguments{u"status"_s, u"--json"_s};
+const QStringList meterlyStatusArguments{u"status"_s, u"--json"_s};
 
 constexpr auto privateFile = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
 
@@ -97,7 +97,7 @@ struct MeterlyClient::Run {
                               std::weak_ptr<MeterlyClient> owner, CancellationToken token) {
         try {
             token.check();
-            const ToolOutput output = co_await runner(statusArguments, token);
+            const ToolOutput output = co_await runner(meterlyStatusArguments, token);
             if (output.exitCode != 0) {
                 throw VantorAccountsError::from(output);
             }

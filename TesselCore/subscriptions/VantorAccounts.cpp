@@ -34,7 +34,7 @@ std::optional<qint64> strictInteger(QStringView text) {
 
 // GCC 12 cannot keep array temporaries (string literals, initializer lists)
 // alive across a co_await: argument lists are built outside the coroutines.
-const QStringList statusArguments{u"--tsv"_s, u"status"_s};
+const QStringList vantorStatusArguments{u"--tsv"_s, u"status"_s};
 const QStringList pickArguments{u"pick"_s};
 const QStringList alertsArguments{u"alerts"_s};
 const QStringList whoamiArguments{u"whoami"_s};
@@ -114,7 +114,7 @@ VantorAccountsClient::VantorAccountsClient(ToolRunner runner, double usageInterv
       sleep_(std::move(sleep)) {}
 
 Task<QList<VantorAccount>> VantorAccountsClient::status(CancellationToken token) {
-    const QString output = co_await usageCommand(statusArguments, false, token);
+    const QString output = co_await usageCommand(vantorStatusArguments, false, token);
     co_return VantorAccountsCLI::parse(output);
 }
 

@@ -1,6 +1,6 @@
 #include "AudioTestSupport.h"
 
-#include "audio/FFmpeg.h"
+#include "codec/FFmpeg.h"
 #include "support/Wait.h"
 
 #include <gtest/gtest.h>

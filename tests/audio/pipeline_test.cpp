@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -247,4 +248,33 @@ TEST_F(PipelineTest, AfterAResamplingFailureTicksStopAndFinishStillCutsBothTrack
         const auto track = decodeADTS(segments[0].bytes);
         EXPECT_NEAR(static_cast<double>(track.size()), 3 * 16000 + 1024, 1024);
     }
+}
+
+namespace {
+
+bool codecModuleMapped() {
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.ends_with("/libtessel-codec.so")) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+// FFmpeg and its libraries are the program's largest resident part after Qt:
+// an idle program must not keep them.
+TEST(PipelineCodec, TheCodecIsLoadedWhenACallStartsAndLetGoWhenItEnds) {
+    ASSERT_FALSE(codecModuleMapped());
+    {
+        TestUptime clock;
+        AudioPipeline pipeline{{clock.function(), false}};
+        EXPECT_FALSE(codecModuleMapped()) << "not before the start";
+        pipeline.start();
+        EXPECT_TRUE(codecModuleMapped());
+        pipeline.finish();
+    }
+    EXPECT_FALSE(codecModuleMapped());
 }

@@ -1,4 +1,4 @@
-#include "audio/FFmpeg.h"
+#include "codec/FFmpeg.h"
 
 extern "C" {
 #include <libavutil/log.h>

@@ -3,7 +3,8 @@
 // never waits for samples that are not there. Encoding thread only.
 #pragma once
 
-#include "audio/FFmpeg.h"
+#include "audio/Codec.h"
+#include "codec/FFmpeg.h"
 
 #include <QByteArray>
 
@@ -12,7 +13,7 @@
 
 namespace tessel {
 
-class AACEncoder {
+class AACEncoder final : public AudioEncoder {
 public:
     static constexpr int sampleRate = 16000;
     static constexpr int frameSamples = 1024; // 64 ms
@@ -23,10 +24,10 @@ public:
 
     // The frames that became ready, perhaps none. Fewer than a frame's worth of
     // samples wait here for the next push or for `finish`.
-    std::vector<QByteArray> append(std::span<const float> samples);
+    std::vector<QByteArray> append(std::span<const float> samples) override;
     // Encodes what waits as a last, shorter frame and flushes the encoder. A
     // second call returns nothing.
-    std::vector<QByteArray> finish();
+    std::vector<QByteArray> finish() override;
 
 private:
     void send(const float* samples, int count, std::vector<QByteArray>& out);

@@ -3,15 +3,16 @@
 // it were converted whole. Encoding thread only.
 #pragma once
 
-#include "audio/FFmpeg.h"
+#include "audio/Codec.h"
 #include "audio/PCMBuffer.h"
+#include "codec/FFmpeg.h"
 
 #include <optional>
 #include <vector>
 
 namespace tessel {
 
-class PCMResampler {
+class PCMResampler final : public AudioConverter {
 public:
     static constexpr int outputRate = 16000;
 
@@ -20,9 +21,9 @@ public:
     // A buffer in a format other than the last one's (a device changed in the
     // middle of a call) first drains what the old conversion held, then goes on
     // with a new one: no restart, no failure, no samples lost.
-    std::vector<float> convert(const PCMView& buffer);
+    std::vector<float> convert(const PCMView& buffer) override;
     // The last samples held in the filter. Again, or before any buffer: none.
-    std::vector<float> finish();
+    std::vector<float> finish() override;
 
 private:
     void open(const PCMFormat& device);

@@ -1,4 +1,4 @@
-#include "audio/AACEncoder.h"
+#include "codec/AACEncoder.h"
 
 #include "audio/CheckAudio.h"
 #include "errors/Failures.h"

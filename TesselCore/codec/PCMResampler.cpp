@@ -1,4 +1,4 @@
-#include "audio/PCMResampler.h"
+#include "codec/PCMResampler.h"
 
 #include "errors/Failures.h"
 
