@@ -168,6 +168,28 @@ gone() { # title: waits until no such window is shown
   return 1
 }
 
+# Waits until the window's picture has held still for a second: coming
+# forward refreshes rows, and a rebuild moves the Tab stops or catches a window
+# half grown. Without velmora-screengrab built it waits a fixed time.
+settle() { # window id
+  local grabber="$root/build/bin/velmora-screengrab" still=0
+  sleep 0.5
+  if [ ! -x "$grabber" ]; then sleep 1; return; fi
+  "$grabber" "$work/settle.a.png" "$1" 2>/dev/null || true
+  for _ in $(seq 40); do
+    sleep 0.5
+    "$grabber" "$work/settle.b.png" "$1" 2>/dev/null || true
+    if cmp -s "$work/settle.a.png" "$work/settle.b.png"; then
+      still=$((still + 1))
+      [ "$still" -lt 2 ] || return 0
+    else
+      still=0
+      mv "$work/settle.b.png" "$work/settle.a.png"
+    fi
+  done
+  echo "window $1 did not settle" >&2
+}
+
 # Brings the window forward afresh (the popover then starts Tab at its top
 # row), presses Tab `count` times and then the key.
 press() { # title count [key]
@@ -179,7 +201,7 @@ press() { # title count [key]
   xdotool windowfocus --sync "$id"
   # Coming forward refreshes the open calls and the infrastructure, which
   # rebuilds rows: Tab waits until they stand.
-  sleep 1.5
+  settle "$id"
   [ "$2" -eq 0 ] || xdotool key --delay 80 $(yes Tab | head -n "$2")
   xdotool key "${3:-space}"
 }
@@ -213,7 +235,7 @@ popover_press() { # count [key]
   local id
   id=$(window Velmora) || return 1
   xdotool windowfocus --sync "$id"
-  sleep 1.5 # coming forward refreshes rows
+  settle "$id"
   [ "$1" -eq 0 ] || xdotool key --delay 80 $(yes Tab | head -n "$1")
   xdotool key "${2:-space}"
 }

@@ -50,6 +50,18 @@ start_display() {
 stand_in_browser
 on_missing_window() { "$root/build/bin/velmora-screengrab" "$out/failed$suffix.png" || true; }
 
+grab() { # name title
+  local id
+  id=$(window "$2") || return 1
+  # The active window's colours: some styles dim an inactive one.
+  xdotool windowfocus --sync "$id" 2>/dev/null || true
+  # Coming forward refreshes and may rebuild rows; a window that just grew is
+  # black below until it paints.
+  settle "$id"
+  "$root/build/bin/velmora-screengrab" "$out/$1$suffix.png" "$id"
+  echo "$out/$1$suffix.png"
+}
+
 # Tab stops of the popover, from the top: the toolbar's four buttons, then per
 # app its row and its button (Meet has no button), the inbox, the notifications
 # switch, Take notes, the infrastructure's buttons, the subscriptions row.
