@@ -81,7 +81,7 @@ sleep 5
 measure "signed in"
 [ "$phases" -ge 3 ] || exit 0
 
-popover_press 13
+popover_opens 13 "Take notes on this call"
 call=$(window "Take notes on this call")
 xdotool windowfocus --sync "$call"
 xdotool type --delay 15 "Idle bench call"
@@ -94,9 +94,20 @@ gone "Take notes on this call" || { on_missing_window; exit 1; }
 timeout "$call_seconds" pacat --playback --device="$far_sink" --raw --format=s16le --rate=48000 \
   --channels=2 </dev/urandom 2>"$work/pacat.err" || [ $? -eq 124 ] || cat "$work/pacat.err"
 # Stop & write notes stands where Take notes stood.
-popover_press 13
-sleep 5
-xdotool key Escape 2>/dev/null || true
+call_ended() {
+  curl -fsS --cacert "$cert" "$origin/_control/state" | python3 -c 'import json, sys
+calls = json.load(sys.stdin)["meetings"]
+sys.exit(0 if calls and all(c["status"] == "ended" for c in calls) else 1)'
+}
+for attempt in 1 2 3; do
+  popover_press 13
+  for _ in $(seq 50); do call_ended && break 2; sleep 0.2; done
+  echo "the call did not end (try $attempt); again" >&2
+  xdotool key Escape
+done
+sleep 3
+# The popover closed, as a person leaves it.
+if xdotool search --onlyvisible --name '^Velmora$' >/dev/null 2>&1; then activate_tray_item; fi
 curl -fsS --cacert "$cert" "$origin/_control/state" >"$work/server-state.json"
 python3 - "$work/server-state.json" <<'PY'
 import json, sys

@@ -8,7 +8,8 @@
 # has the first frame's pixels). A second Activate closes it between clicks.
 # The first click (cold: the window and its widgets are built) is shown apart.
 # With SIGNED_IN=1 a member is signed in first against the local server (with
-# a private keyring), so the popover holds the signed-in rows.
+# a private keyring), so the popover holds the signed-in rows; its first click
+# is then not cold, since signing in opened the popover.
 # Needs the release build of VelmoraTessel, tessel_sni_watcher and
 # bench_popover_click_probe.
 set -euo pipefail
@@ -38,6 +39,8 @@ sleep 3 # launching ends (helper installation, first readings)
 if [ "$signed" = 1 ]; then
   sign_in_from_tray
   sleep 3
+  secret-tool lookup service ai.velmora.tessel account acme.velmora.test >/dev/null ||
+    { echo "the sign-in did not reach the keyring"; exit 1; }
   # The probe starts from a closed popover.
   if xdotool search --onlyvisible --name '^Velmora$' >/dev/null 2>&1; then activate_tray_item; fi
   gone Velmora

@@ -168,15 +168,17 @@ gone() { # title: waits until no such window is shown
   return 1
 }
 
-# Waits until the window's picture has held still for a second: coming
-# forward refreshes rows, and a rebuild moves the Tab stops or catches a window
-# half grown. Without velmora-screengrab built it waits a fixed time.
+# Waits until the popover's picture has held still for a second: coming
+# forward refreshes rows, and a rebuild moves the Tab stops or catches it half
+# grown. Not for a window with a text field, whose caret blinks. Without
+# velmora-screengrab built it waits a fixed time.
 settle() { # window id
   local grabber="$root/build/bin/velmora-screengrab" still=0
   sleep 0.5
   if [ ! -x "$grabber" ]; then sleep 1; return; fi
   "$grabber" "$work/settle.a.png" "$1" 2>/dev/null || true
-  for _ in $(seq 40); do
+  # During a call its clock moves every second: then it settles for nothing.
+  for _ in $(seq 10); do
     sleep 0.5
     "$grabber" "$work/settle.b.png" "$1" 2>/dev/null || true
     if cmp -s "$work/settle.a.png" "$work/settle.b.png"; then
@@ -187,7 +189,6 @@ settle() { # window id
       mv "$work/settle.b.png" "$work/settle.a.png"
     fi
   done
-  echo "window $1 did not settle" >&2
 }
 
 # Brings the window forward afresh (the popover then starts Tab at its top
@@ -201,7 +202,7 @@ press() { # title count [key]
   xdotool windowfocus --sync "$id"
   # Coming forward refreshes the open calls and the infrastructure, which
   # rebuilds rows: Tab waits until they stand.
-  settle "$id"
+  if [ "$1" = Velmora ]; then settle "$id"; else sleep 1.5; fi
   [ "$2" -eq 0 ] || xdotool key --delay 80 $(yes Tab | head -n "$2")
   xdotool key "${3:-space}"
 }
@@ -236,8 +237,31 @@ popover_press() { # count [key]
   id=$(window Velmora) || return 1
   xdotool windowfocus --sync "$id"
   settle "$id"
+  # A click on its title makes it Qt's active window: without a window manager
+  # the focus Qt asks for may be refused, and the first Tab would go nowhere.
+  xdotool mousemove --window "$id" 30 28 click 1
+  sleep 0.3
   [ "$1" -eq 0 ] || xdotool key --delay 80 $(yes Tab | head -n "$1")
   xdotool key "${2:-space}"
+}
+
+# popover_press, until the window it opens shows (a row that appears late
+# moves the Tab stops).
+popover_opens() { # count title
+  local attempt
+  for attempt in 1 2 3; do
+    popover_press "$1"
+    for _ in $(seq 30); do
+      xdotool search --onlyvisible --name "^$2\$" >/dev/null 2>&1 && return 0
+      sleep 0.1
+    done
+    echo "\"$2\" did not open (try $attempt); again" >&2
+    xdotool key Escape
+    sleep 1
+    # What the stray key opened instead, if anything, closes too.
+    xdotool key Escape
+  done
+  window "$2" >/dev/null
 }
 
 # Signs in as a person would, against the local server (start_devserver,
@@ -245,7 +269,7 @@ popover_press() { # count [key]
 # popover's 13th Tab stop) opens the sign-in window, whose Sign in opens the
 # page where the code is approved.
 sign_in_from_tray() {
-  popover_press 13
+  popover_opens 13 "Sign in to Velmora"
   press "Sign in to Velmora" 0 Return
   approve_sign_in
   gone "Sign in to Velmora"

@@ -56,8 +56,19 @@ grab() { # name title
   # The active window's colours: some styles dim an inactive one.
   xdotool windowfocus --sync "$id" 2>/dev/null || true
   # Coming forward refreshes and may rebuild rows; a window that just grew is
-  # black below until it paints.
-  settle "$id"
+  # black below until it paints: wait until it holds still.
+  if [ "$2" = Velmora ]; then
+    settle "$id"
+  else
+    sleep 1.5
+    local before after
+    for _ in $(seq 10); do
+      before=$(xdotool getwindowgeometry "$id")
+      sleep 0.5
+      after=$(xdotool getwindowgeometry "$id")
+      [ "$before" = "$after" ] && break
+    done
+  fi
   "$root/build/bin/velmora-screengrab" "$out/$1$suffix.png" "$id"
   echo "$out/$1$suffix.png"
 }
