@@ -51,7 +51,15 @@ switches() {
 measure() { # label
   local cpu0 cpu1
   cpu0=$(cpu); switches >"$work/sw0"
-  sleep "$seconds"
+  # Second by second: a timer waking it each second shows as every second busy.
+  local busy=0 last now
+  last=$(cat /proc/$app/task/*/status 2>/dev/null | awk '/ctxt_switches/ {n += $2} END {print n}')
+  for _ in $(seq "$seconds"); do
+    sleep 1
+    now=$(cat /proc/$app/task/*/status 2>/dev/null | awk '/ctxt_switches/ {n += $2} END {print n}')
+    [ "$now" = "$last" ] || busy=$((busy + 1))
+    last=$now
+  done
   cpu1=$(cpu); switches >"$work/sw1"
   local sw by_thread rss pss anon threads
   sw=$(awk 'NR == FNR {start[$1] = $2; next} ($1 in start) {n += $2 - start[$1]} END {print n + 0}' \
@@ -71,7 +79,7 @@ measure() { # label
     printf "  resident memory: %.1f MB; proportional %.1f MB, anonymous %.1f MB\n",
       rss / 1024, pss / 1024, anon / 1024
   }'
-  [ -z "$by_thread" ] || echo "  wake-ups by thread: $by_thread"
+  [ -z "$by_thread" ] || echo "  wake-ups by thread: $by_thread; seconds with any: $busy of $seconds"
 }
 measure "signed out"
 [ "$phases" -ge 2 ] || exit 0
