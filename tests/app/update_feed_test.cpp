@@ -4,6 +4,7 @@
 #include "app/UpdateController.h"
 #include "support/DevServer.h"
 #include "support/FakeClock.h"
+#include "support/Files.h"
 #include "support/Wait.h"
 
 #include <QFile>
@@ -27,11 +28,7 @@ struct Feed : ::testing::Test {
             server.client()->Post("/_control/update", update.dump(), "application/json");
         ASSERT_TRUE(result && result->status == 200);
     }
-    void writeOldImage() {
-        QFile old(image);
-        ASSERT_TRUE(old.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        old.write("old image");
-    }
+    void writeOldImage() { writeFile(image, "old image"); }
     std::unique_ptr<UpdateController> controller(std::optional<QString> appImage) {
         auto engine = std::make_unique<FeedUpdateEngine>(FeedUpdateEngine::Dependencies{
             .feedURL = QUrl(QString::fromStdString(server.origin() + "/update/feed.json")),

@@ -2,8 +2,8 @@
 // endpoints file.
 #include "identity/Endpoints.h"
 #include "identity/OrgStore.h"
+#include "support/Files.h"
 
-#include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
@@ -155,10 +155,7 @@ TEST(UserDefaults, WrittenByAnotherProcess) {
 TEST(Endpoints, FileOverridesAndMistakes) {
     QTemporaryDir dir;
     const auto write = [&](const QString& name, const QByteArray& bytes) {
-        QFile file(dir.filePath(name));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(bytes);
-        return file.fileName();
+        return test::writeFile(dir.filePath(name), bytes);
     };
     const QString pem = write("ca.pem", "not a certificate");
     for (const auto& [body, problem] : std::vector<std::pair<QByteArray, QString>>{
