@@ -10,7 +10,6 @@
 #include <QFile>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 using namespace tessel;
 using namespace tessel::test;
@@ -23,11 +22,7 @@ QByteArray contents(const QString& path) {
 }
 
 struct Feed : ::testing::Test {
-    void offer(const nlohmann::json& update) {
-        const auto result =
-            server.client()->Post("/_control/update", update.dump(), "application/json");
-        ASSERT_TRUE(result && result->status == 200);
-    }
+    void offer(const nlohmann::json& update) { server.control("update", update); }
     void writeOldImage() { writeFile(image, "old image"); }
     std::unique_ptr<UpdateController> controller(std::optional<QString> appImage) {
         auto engine = std::make_unique<FeedUpdateEngine>(FeedUpdateEngine::Dependencies{
