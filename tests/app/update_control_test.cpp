@@ -1,7 +1,6 @@
 // The update control with an engine that only asks its questions, and the
 // popover's dismissal rule as one table.
 #include "app/AppVersion.h"
-#include "app/PopoverPolicy.h"
 #include "app/UpdateController.h"
 #include "errors/Failures.h"
 #include "support/FakeClock.h"
@@ -97,33 +96,4 @@ TEST(AppVersion, ShortVersionTakesOnlyAText) {
     EXPECT_EQ(AppVersion::shortVersion(QVariantMap{{"version", "  "}}), "dev");
     EXPECT_EQ(AppVersion::shortVersion(QVariantMap{{"version", " 1.2 "}}), " 1.2 ");
     EXPECT_NE(AppVersion::shortVersion(), "dev"); // the build's own
-}
-
-TEST(PopoverPolicy, TheWholeRule) {
-    using A = PopoverAction;
-    struct Row {
-        bool inPanel;
-        std::optional<bool> normalLevel;
-        std::optional<A> classified;
-    };
-    for (const Row& row : std::vector<Row>{
-             {true, std::nullopt, A::interactsInside},
-             {true, false, A::interactsInside},
-             {true, true, A::interactsInside},
-             {false, std::nullopt, std::nullopt}, // a click that carries no window
-             {false, false, std::nullopt},        // a floating window of ours
-             {false, true, A::outsideClick},
-         }) {
-        EXPECT_EQ(PopoverPolicy::classifyLocalMouseDown(row.inPanel, row.normalLevel),
-                  row.classified)
-            << row.inPanel << " " << row.normalLevel.value_or(-1);
-    }
-    const std::map<A, bool> dismisses{
-        {A::opensWindow, true},      {A::togglesDetails, false}, {A::stopAndWrite, false},
-        {A::interactsInside, false}, {A::quits, true},           {A::outsideClick, true},
-        {A::escape, true},
-    };
-    for (const auto& [action, expected] : dismisses) {
-        EXPECT_EQ(PopoverPolicy::shouldDismiss(action), expected) << static_cast<int>(action);
-    }
 }

@@ -4,12 +4,12 @@
 #include "app/UpdateController.h"
 #include "support/DevServer.h"
 #include "support/FakeClock.h"
+#include "support/Files.h"
 #include "support/Wait.h"
 
 #include <QFile>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 using namespace tessel;
 using namespace tessel::test;
@@ -22,16 +22,8 @@ QByteArray contents(const QString& path) {
 }
 
 struct Feed : ::testing::Test {
-    void offer(const nlohmann::json& update) {
-        const auto result =
-            server.client()->Post("/_control/update", update.dump(), "application/json");
-        ASSERT_TRUE(result && result->status == 200);
-    }
-    void writeOldImage() {
-        QFile old(image);
-        ASSERT_TRUE(old.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        old.write("old image");
-    }
+    void offer(const nlohmann::json& update) { server.control("update", update); }
+    void writeOldImage() { writeFile(image, "old image"); }
     std::unique_ptr<UpdateController> controller(std::optional<QString> appImage) {
         auto engine = std::make_unique<FeedUpdateEngine>(FeedUpdateEngine::Dependencies{
             .feedURL = QUrl(QString::fromStdString(server.origin() + "/update/feed.json")),

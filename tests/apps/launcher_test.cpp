@@ -5,6 +5,7 @@
 #include "apps/DesktopApps.h"
 
 #include "errors/Failures.h"
+#include "support/Files.h"
 #include "support/Wait.h"
 #include "support/Zip.h"
 
@@ -172,11 +173,10 @@ TEST(DesktopAppsTest, ExecIsParsedAndFieldCodesDropped) {
         {R"(Exec=run\sme "a\\\\b")", {u"run"_s, u"me"_s, u"a\\b"_s}},
     };
     for (const auto& [line, command] : cases) {
-        QFile entry(dir.filePath(u"a.desktop"_s));
-        ASSERT_TRUE(entry.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        entry.write("[Desktop Entry]\nName=A\n" + line + "\n[Desktop Action x]\nExec=other\n");
-        entry.close();
-        EXPECT_EQ(DesktopApps::command(entry.fileName()), command) << line.constData();
+        const QString entry =
+            test::writeFile(dir.filePath(u"a.desktop"_s), "[Desktop Entry]\nName=A\n" + line +
+                                                              "\n[Desktop Action x]\nExec=other\n");
+        EXPECT_EQ(DesktopApps::command(entry), command) << line.constData();
     }
 }
 
@@ -189,17 +189,13 @@ TEST(DesktopAppsTest, OpensByDesktopEntryWithItsArguments) {
     environment.insert(u"XDG_DATA_HOME"_s, dataHome);
     environment.insert(u"XDG_DATA_DIRS"_s, home.filePath(u"none"_s));
     QDir().mkpath(dataHome + u"/applications"_s);
-    const QString script = home.filePath(u"velmora-desktop"_s);
-    QFile run(script);
-    ASSERT_TRUE(run.open(QIODevice::WriteOnly));
-    run.write("#!/bin/sh\nprintf '%s\\n' \"$@\" > \"$0.tmp\" && mv \"$0.tmp\" \"$0.arguments\"\n");
-    run.close();
-    run.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
-    QFile entry(dataHome + u"/applications/ai.velmora.desktop.desktop"_s);
-    ASSERT_TRUE(entry.open(QIODevice::WriteOnly));
-    entry.write("[Desktop Entry]\nType=Application\nName=Velmora\nExec=\"" + script.toUtf8() +
-                "\" --from-entry %U\n");
-    entry.close();
+    const QString script = test::writeFile(
+        home.filePath(u"velmora-desktop"_s),
+        "#!/bin/sh\nprintf '%s\\n' \"$@\" > \"$0.tmp\" && mv \"$0.tmp\" \"$0.arguments\"\n",
+        QFile::ReadOwner | QFile::ExeOwner);
+    test::writeFile(dataHome + u"/applications/ai.velmora.desktop.desktop"_s,
+                    "[Desktop Entry]\nType=Application\nName=Velmora\nExec=\"" + script.toUtf8() +
+                        "\" --from-entry %U\n");
 
     const AppLauncher launcher =
         AppLauncher::system(environment, home.path(), [](QUrl) { return false; }, {});

@@ -3,6 +3,7 @@
 #include "apps/ZipAppInstaller.h"
 
 #include "errors/Failures.h"
+#include "support/Files.h"
 #include "support/Wait.h"
 #include "support/Zip.h"
 
@@ -121,13 +122,10 @@ TEST_F(ZipInstallerTest, TheBundleMustBeTheOneAsked) {
 }
 
 TEST_F(ZipInstallerTest, ARefusedDownloadSpeaksWithItsBody) {
-    QFile(served).open(QIODevice::WriteOnly | QIODevice::Truncate);
+    test::writeFile(served, {});
     status = 404;
     EXPECT_EQ(outcome(), u"HTTP 404"_s);
-    QFile body(served);
-    body.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    body.write("Gone for good.\n");
-    body.close();
+    test::writeFile(served, "Gone for good.\n");
     status = 410;
     EXPECT_EQ(outcome(), u"Gone for good.\n"_s);
     status = 0;

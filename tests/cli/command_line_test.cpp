@@ -1,10 +1,10 @@
 // The executable's two forms and the command form's checks: the real binary for
 // its output streams and exit status, the checks themselves as tables.
 #include "CaptureCLI.h"
+#include "support/Files.h"
 #include "support/Processes.h"
 #include "support/Wait.h"
 
-#include <QFile>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -77,16 +77,14 @@ TEST(Entry, HelpUnknownCommandsAndARefusedCaptureAsAPersonSeesThem) {
 // any window or tray icon exists.
 TEST(Entry, MalformedEndpointsFileStopsTheStart) {
     QTemporaryDir dir;
-    QFile file(dir.filePath("endpoints.json"));
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(R"({"auth_url": "https://127.0.0.1:1"})");
-    file.close();
+    const QString file =
+        writeFile(dir.filePath("endpoints.json"), R"({"auth_url": "https://127.0.0.1:1"})");
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("VELMORA_TESSEL_ENDPOINTS", file.fileName());
+    env.insert("VELMORA_TESSEL_ENDPOINTS", file);
     const Ran run = runToEnd(TESSEL_APP_PATH, {}, env);
     EXPECT_EQ(run.status, 1);
     const QString& err = run.err;
-    EXPECT_TRUE(err.startsWith("Velmora Tessel: VELMORA_TESSEL_ENDPOINTS file " + file.fileName() +
+    EXPECT_TRUE(err.startsWith("Velmora Tessel: VELMORA_TESSEL_ENDPOINTS file " + file +
                                ": unknown key \"auth_url\""))
         << err.toStdString();
     EXPECT_EQ(err.count('\n'), 1);

@@ -4,9 +4,9 @@
 #include "identity/Endpoints.h"
 #include "net/HTTPFailure.h"
 #include "support/DevServer.h"
+#include "support/Files.h"
 #include "support/Wait.h"
 
-#include <QFile>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -23,12 +23,9 @@ protected:
         // The endpoints file a person writes to run against this server; the
         // name "localhost" lets a sub-domain be told apart.
         origin = "https://localhost:" + server.origin().substr(server.origin().rfind(':') + 1);
-        QFile file(dir.filePath("endpoints.json"));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray::fromStdString(
-            nlohmann::json{{"auth_service_url", origin}, {"ca_file", server.certPath()}}.dump()));
-        file.close();
-        endpoints = Endpoints::load(file.fileName());
+        const nlohmann::json file{{"auth_service_url", origin}, {"ca_file", server.certPath()}};
+        endpoints = Endpoints::load(
+            writeFile(dir.filePath("endpoints.json"), QByteArray::fromStdString(file.dump())));
     }
 
     Task<void> sleep(double seconds, CancellationToken token) {

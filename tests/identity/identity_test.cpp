@@ -2,8 +2,8 @@
 // endpoints file.
 #include "identity/Endpoints.h"
 #include "identity/OrgStore.h"
+#include "support/Files.h"
 
-#include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
@@ -154,13 +154,7 @@ TEST(UserDefaults, WrittenByAnotherProcess) {
 
 TEST(Endpoints, FileOverridesAndMistakes) {
     QTemporaryDir dir;
-    const auto write = [&](const QString& name, const QByteArray& bytes) {
-        QFile file(dir.filePath(name));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(bytes);
-        return file.fileName();
-    };
-    const QString pem = write("ca.pem", "not a certificate");
+    const QString pem = test::writeFile(dir.filePath("ca.pem"), "not a certificate");
     for (const auto& [body, problem] : std::vector<std::pair<QByteArray, QString>>{
              {"{\"auth_service_url\": ", "is not JSON (parse error at line 1, column "},
              {"[]", "must hold one JSON object."},
@@ -173,7 +167,7 @@ TEST(Endpoints, FileOverridesAndMistakes) {
              {"{\"ca_file\": \"ca.pem\"}", "ca_file " + pem + " holds no PEM certificate."},
              {"{\"ca_file\": \"gone.pem\"}", "ca_file " + dir.filePath("gone.pem") + " cannot"},
          }) {
-        const QString path = write("endpoints.json", body);
+        const QString path = test::writeFile(dir.filePath("endpoints.json"), body);
         const QString message = failureOf([&] { Endpoints::load(path); });
         EXPECT_TRUE(message.startsWith("VELMORA_TESSEL_ENDPOINTS file " + path + ": " + problem))
             << message.toStdString();
@@ -183,7 +177,8 @@ TEST(Endpoints, FileOverridesAndMistakes) {
                     Endpoints::load(dir.filePath("absent.json"));
                 }).contains("absent.json: cannot be read"));
 
-    const QString path = write("endpoints.json", R"({"default_org_host": "Acme.Test",
+    const QString path =
+        test::writeFile(dir.filePath("endpoints.json"), R"({"default_org_host": "Acme.Test",
         "org_origin": "https://127.0.0.1:8443/", "auth_service_url": "https://127.0.0.1:8443"})");
     const Endpoints endpoints = Endpoints::fromEnvironment([&](const char* name) {
         return QString(name) == "VELMORA_TESSEL_ENDPOINTS" ? path : QString();

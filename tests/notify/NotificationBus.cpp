@@ -43,7 +43,7 @@ QString firstLine(QProcess& process, const char* what) {
 
 } // namespace
 
-NotificationBus::NotificationBus(bool withServer) {
+NotificationBus::NotificationBus() {
     static int count = 0;
     name_ = QStringLiteral("tessel-notification-bus-%1").arg(++count);
     const QString config = dir_.filePath(QStringLiteral("bus.conf"));
@@ -64,18 +64,6 @@ NotificationBus::NotificationBus(bool withServer) {
     if (!QDBusConnection::connectToBus(address_, name_).isConnected()) {
         throw std::runtime_error("NotificationBus: cannot connect to the private bus");
     }
-    if (withServer) {
-        startServer();
-    }
-}
-
-NotificationBus::~NotificationBus() {
-    QDBusConnection::disconnectFromBus(name_);
-    stopProcess(server_);
-    stopProcess(daemon_);
-}
-
-void NotificationBus::startServer() {
     server_.start(QStringLiteral(TESSEL_NOTIFYD_PATH),
                   {QStringLiteral("--address"), address_, QStringLiteral("--record"),
                    dir_.filePath(QStringLiteral("calls.jsonl"))});
@@ -83,6 +71,12 @@ void NotificationBus::startServer() {
              .startsWith(QStringLiteral("velmora-notifyd ready"))) {
         throw std::runtime_error("NotificationBus: velmora-notifyd did not start");
     }
+}
+
+NotificationBus::~NotificationBus() {
+    QDBusConnection::disconnectFromBus(name_);
+    stopProcess(server_);
+    stopProcess(daemon_);
 }
 
 void NotificationBus::stopServer() {
@@ -97,8 +91,7 @@ std::vector<QJsonObject> NotificationBus::calls(const QString& call) const {
     }
     while (!file.atEnd()) {
         const QJsonObject entry = QJsonDocument::fromJson(file.readLine()).object();
-        if (entry.contains(QStringLiteral("call")) &&
-            (call.isEmpty() || entry.value(QStringLiteral("call")).toString() == call)) {
+        if (entry.value(QStringLiteral("call")).toString() == call) {
             out.push_back(entry);
         }
     }

@@ -16,18 +16,17 @@ namespace tessel::test {
 class NotificationBus {
 public:
     // Throws when the bus or the server doesn't come up.
-    explicit NotificationBus(bool withServer = true);
+    NotificationBus();
     ~NotificationBus();
     NotificationBus(const NotificationBus&) = delete;
     NotificationBus& operator=(const NotificationBus&) = delete;
 
     QDBusConnection connection() const { return QDBusConnection(name_); }
 
-    void startServer();
     void stopServer();
 
-    // The calls the server recorded, in order; `call` keeps one kind only.
-    std::vector<QJsonObject> calls(const QString& call = {}) const;
+    // The calls of one kind the server recorded, in order.
+    std::vector<QJsonObject> calls(const QString& call) const;
     // An order on the server's control interface (InvokeAction, Close, Refuse,
     // Delay, SetCapabilities); throws when it is refused.
     void control(const QString& method, const QVariantList& arguments) const;

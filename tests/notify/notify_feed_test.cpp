@@ -13,7 +13,6 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 using namespace tessel;
 using namespace tessel::test;
@@ -78,10 +77,7 @@ struct Feed {
     }
     void poll() { wait(model->poll()); }
     void add(const std::vector<json>& rows, bool exact = false) const {
-        const auto r = httplib::Client(origin).Post("/_control/notify/rows",
-                                                    json{{"rows", rows}, {"exact", exact}}.dump(),
-                                                    "application/json");
-        ASSERT_TRUE(r && r->status == 200);
+        ownServer->control("notify/rows", {{"rows", rows}, {"exact", exact}});
     }
     bool logged(const QString& line) const {
         return std::find(lines.begin(), lines.end(), line) != lines.end();

@@ -2,6 +2,7 @@
 #include "subscriptions/SubscriptionsTestSupport.h"
 
 #include "support/FakeClock.h"
+#include "support/Files.h"
 #include "support/Wait.h"
 
 #include <QFile>
@@ -100,11 +101,7 @@ TEST(MeterlySnapshotStore, KeepsOnlyUsableReadingsPrivately) {
     store.save(failed);
     EXPECT_EQ(store.load(), good);
 
-    QFile(store.path).remove();
-    QFile junk(store.path);
-    ASSERT_TRUE(junk.open(QIODevice::WriteOnly));
-    junk.write(failed.toJSON());
-    junk.close();
+    test::writeFile(store.path, failed.toJSON());
     EXPECT_FALSE(store.load());
 }
 

@@ -47,7 +47,6 @@ TEST_F(SiblingToolsTest, AccountsTool) {
     const auto runs = tool.runs();
     ASSERT_EQ(runs.size(), 2u);
     EXPECT_EQ(runs[1]["args"], json::array({"use", "x"}));
-    EXPECT_EQ(runs[0]["stdin"], "null");
     const QString privateBin = HelperInstaller::directory(
         HelperInstaller::dataDirectory(QProcessEnvironment::systemEnvironment(), QDir::homePath()));
     EXPECT_TRUE(QString::fromStdString(runs[0]["path"]).startsWith(privateBin + u":/usr/bin:"_s));

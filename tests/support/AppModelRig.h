@@ -6,9 +6,9 @@
 #include "app/AppModel.h"
 #include "identity/UserDefaults.h"
 #include "support/DevServer.h"
+#include "support/Files.h"
 #include "support/ScriptedAudio.h"
 
-#include <QFile>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -38,15 +38,12 @@ public:
 
 struct AppModelRig {
     AppModelRig() {
-        QFile file(dir.filePath("endpoints.json"));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray::fromStdString(nlohmann::json{
-            {"default_org_host", "alpha.velmora.test"},
-            {"org_origin", server.origin()},
-            {"auth_service_url", server.origin()},
-            {"ca_file", server.certPath()}}.dump()));
-        file.close();
-        endpoints = Endpoints::load(file.fileName());
+        const nlohmann::json file{{"default_org_host", "alpha.velmora.test"},
+                                  {"org_origin", server.origin()},
+                                  {"auth_service_url", server.origin()},
+                                  {"ca_file", server.certPath()}};
+        endpoints = Endpoints::load(
+            writeFile(dir.filePath("endpoints.json"), QByteArray::fromStdString(file.dump())));
     }
 
     std::unique_ptr<AppModel> makeModel(bool startingServices = true) {

@@ -94,9 +94,10 @@ public:
     // Meetings with presence, parts and segments, as the server holds them.
     nlohmann::json state() const { return control("state"); }
 
-private:
     // GET /_control/<name>, or POST with a body; the answer, or a throw unless 200.
     nlohmann::json control(const std::string& name, const nlohmann::json& body = nullptr) const;
+
+private:
     void fault(const std::string& route, int count, nlohmann::json what) const {
         what.update({{"route", route}, {"count", count}});
         control("faults", what);

@@ -4,6 +4,7 @@
 
 #include "errors/ErrorLog.h"
 #include "errors/Failures.h"
+#include "support/Files.h"
 #include "support/HelpersRig.h"
 #include "support/Wait.h"
 
@@ -21,16 +22,6 @@ using namespace tessel;
 using namespace Qt::StringLiterals;
 
 namespace {
-
-void put(const QString& path, const QByteArray& bytes, QFile::Permissions mode = {}) {
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.toStdString();
-    file.write(bytes);
-    file.close();
-    if (mode) {
-        file.setPermissions(mode);
-    }
-}
 
 struct stat facts(const QString& path) {
     struct stat st {};
@@ -56,9 +47,9 @@ protected:
 
     void SetUp() override {
         for (const QString& name : HelperInstaller::names) {
-            put(bundle.filePath(name), "#!/bin/sh\necho " + name.toUtf8() + "\n");
+            test::writeFile(bundle.filePath(name), "#!/bin/sh\necho " + name.toUtf8() + "\n");
         }
-        put(bundle.filePath(u"VERSION"_s), "1.2.3\n");
+        test::writeFile(bundle.filePath(u"VERSION"_s), "1.2.3\n");
     }
 
     QString installed(const QString& name) const {
@@ -100,8 +91,8 @@ TEST_F(HelperInstallerTest, KeepsTheBinDirectoryEqualToTheBundleByContent) {
     EXPECT_EQ(modeOf(installed(u"VERSION"_s)), 0644u);
 
     // Edited by hand, with a leftover from an interrupted run beside it.
-    put(installed(u"meterly"_s), "edited");
-    put(installed(u"meterly.tmp"_s), "half", QFile::ReadOwner);
+    test::writeFile(installed(u"meterly"_s), "edited");
+    test::writeFile(installed(u"meterly.tmp"_s), "half", QFile::ReadOwner);
     EXPECT_EQ(install(), u""_s);
     EXPECT_EQ(logged, QStringList{u"Updated helper meterly"_s});
     QFile meterly(installed(u"meterly"_s));
@@ -138,7 +129,8 @@ TEST(HelperLookupTest, ResolveTriesTheOverrideAloneElseThePlacesInOrder) {
         QDir().mkpath(dir);
     }
     const auto tool = [](const QString& path, bool executable) {
-        put(path, "x", executable ? QFile::ReadOwner | QFile::ExeOwner : QFile::ReadOwner);
+        test::writeFile(path, "x",
+                        executable ? QFile::ReadOwner | QFile::ExeOwner : QFile::ReadOwner);
     };
     tool(home.filePath(u"bin/vantor-accounts"_s), true);
     tool(home.filePath(u".local/bin/vantor-accounts"_s), true);
