@@ -27,6 +27,18 @@ std::vector<std::filesystem::path> candidates() {
     return found;
 }
 
+// Libraries FFmpeg brings whose start-up allocates what they never give back
+// (pixman's table of implementations, 12 KB; libgomp's settings): loaded
+// afresh for each call they would leak each time. They stay once loaded.
+void keepLeakyLibraries() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        for (const char* name : {"libpixman-1.so.0", "libgomp.so.1"}) {
+            dlopen(name, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+        }
+    });
+}
+
 } // namespace
 
 std::shared_ptr<CodecModule> CodecModule::acquire() {
@@ -36,6 +48,7 @@ std::shared_ptr<CodecModule> CodecModule::acquire() {
     if (auto module = loaded.lock()) {
         return module;
     }
+    keepLeakyLibraries();
     QString reasons;
     for (const auto& path : candidates()) {
         if (!std::filesystem::exists(path)) {
