@@ -62,10 +62,10 @@ measure() { # label
   done
   cpu1=$(cpu); switches >"$work/sw1"
   local sw by_thread rss pss anon threads
-  sw=$(awk 'NR == FNR {start[$1] = $2; next} ($1 in start) {n += $2 - start[$1]} END {print n + 0}' \
-    "$work/sw0" "$work/sw1")
-  by_thread=$(awk 'NR == FNR {start[$1] = $2; next} ($1 in start) && $2 > start[$1] {
-    printf "%s%s %d", sep, $3, $2 - start[$1]; sep = ", "}' "$work/sw0" "$work/sw1")
+  # The first line: the sum; the second: per thread that woke.
+  { read -r sw; read -r by_thread || true; } < <(awk 'NR == FNR {start[$1] = $2; next}
+    ($1 in start) && $2 > start[$1] {n += $2 - start[$1]; line = line sep $3 " " $2 - start[$1]; sep = ", "}
+    END {print n + 0; print line}' "$work/sw0" "$work/sw1")
   rss=$(awk '/VmRSS/ {print $2}' /proc/$app/status)
   # Proportional and private figures: most resident pages are shared libraries.
   pss=$(awk '/^Pss:/ {print $2}' /proc/$app/smaps_rollup)
@@ -114,8 +114,7 @@ for attempt in 1 2 3; do
   xdotool key Escape
 done
 sleep 3
-# The popover closed, as a person leaves it.
-if xdotool search --onlyvisible --name '^Velmora$' >/dev/null 2>&1; then activate_tray_item; fi
+close_popover # as a person leaves it
 curl -fsS --cacert "$cert" "$origin/_control/state" >"$work/server-state.json"
 python3 - "$work/server-state.json" <<'PY'
 import json, sys

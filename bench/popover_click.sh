@@ -41,9 +41,7 @@ if [ "$signed" = 1 ]; then
   sleep 3
   secret-tool lookup service ai.velmora.tessel account acme.velmora.test >/dev/null ||
     { echo "the sign-in did not reach the keyring"; exit 1; }
-  # The probe starts from a closed popover.
-  if xdotool search --onlyvisible --name '^Velmora$' >/dev/null 2>&1; then activate_tray_item; fi
-  gone Velmora
+  close_popover # the probe starts from a closed one
 fi
 
 # The program's own CPU time per open and close tells its work apart from

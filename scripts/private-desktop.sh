@@ -230,6 +230,12 @@ activate_tray_item() {
     --method org.kde.StatusNotifierItem.Activate -- 300 200 >/dev/null
 }
 
+# Closes the popover from the icon when it is open.
+close_popover() {
+  if xdotool search --onlyvisible --name '^Velmora$' >/dev/null 2>&1; then activate_tray_item; fi
+  gone Velmora
+}
+
 # Opens the popover from the icon, presses Tab `count` times and then the key.
 popover_press() { # count [key]
   activate_tray_item
