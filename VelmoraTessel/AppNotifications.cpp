@@ -18,9 +18,13 @@ Task<void> postNotification(QPointer<AppModel> model, QPointer<DesktopNotificati
         throw Cancelled();
     }
     const QString token = model->member()->token;
-    co_await desktop->post(std::move(notification), [model, token] {
+    // Named, never a temporary inside the co_await: GCC 12 destroys a capturing
+    // lambda there twice (GCC bug 100611), which freed the member's token and
+    // silenced the feed after its first banner.
+    std::function<bool()> canDeliver = [model, token] {
         return model && model->member() && model->member()->token == token;
-    });
+    };
+    co_await desktop->post(std::move(notification), std::move(canDeliver));
 }
 
 } // namespace
@@ -57,18 +61,20 @@ AppNotifications::AppNotifications(QSettings& settings, const QDBusConnection& b
     QObject::connect(desktop_.get(), &DesktopNotifications::activated, feed_.get(),
                      [model, feed](const QVariantMap& userInfo) {
                          spawn([model, feed, userInfo]() -> Task<void> {
-                             co_await DesktopNotifications::handleNotificationClick(
-                                 userInfo,
-                                 [model]() -> std::optional<QUrl> {
-                                     return model ? std::optional(QUrl(model->inboxURL()))
-                                                  : std::nullopt;
-                                 },
-                                 openInDesktop,
+                             // Named first: see postNotification.
+                             DesktopNotifications::Inbox inbox = [model]() -> std::optional<QUrl> {
+                                 return model ? std::optional(QUrl(model->inboxURL()))
+                                              : std::nullopt;
+                             };
+                             DesktopNotifications::Opener open = openInDesktop;
+                             DesktopNotifications::MarkRead markRead =
                                  [feed](std::vector<QString> ids) -> Task<void> {
-                                     if (feed) {
-                                         co_await feed->markRead(std::move(ids));
-                                     }
-                                 });
+                                 if (feed) {
+                                     co_await feed->markRead(std::move(ids));
+                                 }
+                             };
+                             co_await DesktopNotifications::handleNotificationClick(
+                                 userInfo, std::move(inbox), std::move(open), std::move(markRead));
                          });
                      });
 }

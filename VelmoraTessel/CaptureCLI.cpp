@@ -103,7 +103,9 @@ CaptureOptions CaptureCLI::parse(const QStringList& arguments) {
 }
 
 Task<void> CaptureCLI::run(QStringList arguments) {
-    co_await run(std::move(arguments), CaptureMachine{defaultAudioMaker(), {}, printLine});
+    // Named, not braced inside the co_await (see tests/lint/co_await_temporaries.py).
+    CaptureMachine machine{defaultAudioMaker(), {}, printLine};
+    co_await run(std::move(arguments), std::move(machine));
 }
 
 Task<void> CaptureCLI::run(QStringList arguments, CaptureMachine machine) {

@@ -174,7 +174,8 @@ void AppModel::selectOrg(const QString& host) {
     // answer is dropped and never taken for the new one's.
     spawn([self]() -> Task<void> {
         while (self && self->loadingOpenCalls_) {
-            co_await self->services_.clock.sleep(0.05, {});
+            const CancellationToken never;
+            co_await self->services_.clock.sleep(0.05, never);
         }
         if (self) {
             co_await self->refreshOpenCalls();

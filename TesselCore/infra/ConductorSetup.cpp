@@ -359,7 +359,8 @@ Task<void> ConductorSetupModel::run(QString orgHost, QUrl orgURL, QString slug, 
     std::optional<QString> failed;
     bool cancelled = false;
     try {
-        output = co_await runner(arguments, onLine, {});
+        const CancellationToken never;
+        output = co_await runner(arguments, onLine, never);
     } catch (const Cancelled&) {
         cancelled = true;
     } catch (const Failure& failure) {
@@ -406,7 +407,8 @@ Task<void> ConductorSetupModel::run(QString orgHost, QUrl orgURL, QString slug, 
             std::optional<ToolOutput> status;
             try {
                 const QStringList statusJSON{u"status"_s, u"--json"_s};
-                status = co_await runner(statusJSON, ignore, {});
+                const CancellationToken never;
+                status = co_await runner(statusJSON, ignore, never);
             } catch (const Cancelled&) {
                 // Nothing to show for a read that was called off.
             } catch (const Failure& failure) {
