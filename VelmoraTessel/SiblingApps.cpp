@@ -10,18 +10,17 @@
 
 namespace tessel::app {
 
-AppsModel::Options appOptions(const QString& defaultOrgHost,
-                              const std::shared_ptr<const SecureStore>& store,
+AppsModel::Options appOptions(const QString& defaultOrgHost, const SessionKeychain& keychain,
                               const HTTPClient& http) {
     const auto environment = QProcessEnvironment::systemEnvironment();
     const QString root = SessionHandoff::defaultRoot(
         environment, HelperInstaller::dataDirectory(environment, QDir::homePath()));
-    auto writeHandoff = [store, root](const QString& host) {
+    auto writeHandoff = [keychain, root](const QString& host) {
         return SessionHandoff::write(
             host,
-            [store](const QString& orgHost) -> std::optional<QString> {
+            [keychain](const QString& orgHost) -> std::optional<QString> {
                 try {
-                    if (const auto session = SessionKeychain(store).load(orgHost)) {
+                    if (const auto session = keychain.load(orgHost)) {
                         return session->token;
                     }
                 } catch (const std::exception&) {

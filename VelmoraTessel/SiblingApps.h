@@ -13,8 +13,7 @@ namespace tessel::app {
 
 // Without the organisation, the Meet row's override and the dismissal, which
 // the popover adds.
-AppsModel::Options appOptions(const QString& defaultOrgHost,
-                              const std::shared_ptr<const SecureStore>& store,
+AppsModel::Options appOptions(const QString& defaultOrgHost, const SessionKeychain& keychain,
                               const HTTPClient& http);
 
 } // namespace tessel::app

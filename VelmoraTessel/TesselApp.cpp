@@ -115,8 +115,8 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
             .infra = infra_.get(),
             .helpers = helpers_.get(),
             .notifications = &notifications_->feed(),
-            .appOptions = [host = endpoints_.defaultOrgHost, secrets,
-                           http = HTTPClient(session)] { return appOptions(host, secrets, http); },
+            .appOptions = [host = endpoints_.defaultOrgHost, keychain = model_->keychain(),
+                           http = HTTPClient(session)] { return appOptions(host, keychain, http); },
         });
     tray_ = std::make_unique<TrayPresence>(*popover_, controller_, instance_.bus(),
                                            [this] { delegate_.requestQuit(); });

@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
     QThread::msleep(500);
     const int counted = 20;
     for (int i = 0; i < counted; ++i) {
-        store.read("acme.test");
+        store.read("acme.test", tessel::SecureStore::Unlock::ask);
     }
     QThread::msleep(500);
     monitor.terminate();
@@ -98,7 +98,7 @@ int main(int argc, char** argv) {
     std::vector<double> ms;
     for (int i = 0; i < reads; ++i) {
         const auto start = std::chrono::steady_clock::now();
-        store.read("acme.test");
+        store.read("acme.test", tessel::SecureStore::Unlock::ask);
         ms.push_back(
             std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
                 .count());

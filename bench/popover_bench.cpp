@@ -18,7 +18,7 @@ namespace {
 
 class MemoryStore : public SecureStore {
 public:
-    std::optional<QByteArray> read(const QString&) const override { return std::nullopt; }
+    std::optional<QByteArray> read(const QString&, Unlock) const override { return std::nullopt; }
     void write(const QString&, const QByteArray&) const override {}
     void erase(const QString&) const override {}
     QStringList accounts() const override { return {}; }

@@ -11,6 +11,9 @@ namespace tessel {
 const QString AppModel::invalidAddressMessage =
     u"The organisation address is invalid — enter the secure meet address for your organisation."_s;
 const QString AppModel::clientName = u"velmora-tessel"_s;
+const QString AppModel::sessionNotKeptMessage =
+    u"This sign-in will not be kept after you quit because no keyring service is running — "
+    u"install gnome-keyring or KWallet to keep it."_s;
 
 namespace {
 
@@ -108,13 +111,12 @@ void AppModel::setCapture(std::shared_ptr<CaptureSession> capture) {
 void AppModel::configureTokenProvider() {
     const QString host = org();
     const SessionKeychain keychain = keychain_;
+    // A keyring that locks keeps nobody from a session it already gave: the
+    // last one read is served meanwhile. Refused before any read, the keyring's
+    // own words reach whoever asked, never the sign-in road.
     tokenProvider_ = [keychain, host]() -> std::optional<QString> {
-        try {
-            if (const auto session = keychain.load(host)) {
-                return session->token;
-            }
-        } catch (...) {
-            // A refusing keyring is a missing sign-in to whoever asks.
+        if (const auto session = keychain.current(host)) {
+            return session->token;
         }
         return std::nullopt;
     };
@@ -229,7 +231,9 @@ Task<void> AppModel::runSignIn(QPointer<AppModel> self, QString host,
         if (!self) {
             co_return;
         }
-        self->keychain_.save(session, host);
+        if (self->keychain_.save(session, host) == SessionKeychain::Kept::forThisRunOnly) {
+            self->sessionNotKept_ = true;
+        }
         self->member_ = session;
         self->grant_.reset();
         self->services_.defaults->set(meetBaseURLKey, self->baseURL_);
@@ -323,6 +327,7 @@ void AppModel::signOut() {
         return;
     }
     member_.reset();
+    sessionNotKept_ = false;
     openCalls_.clear();
     pendingOpenCallStop_.reset();
     emit changed();

@@ -70,6 +70,9 @@ public:
     const std::optional<DeviceGrant>& grant() const { return grant_; }
     bool signingIn() const { return signingIn_; }
     bool startingCapture() const { return startingCapture_; }
+    // A sign-in of this run lives only in memory: no keyring service runs.
+    bool sessionNotKept() const { return sessionNotKept_; }
+    static const QString sessionNotKeptMessage;
 
     // Not observable.
     const std::optional<QString>& pendingOpenCallStop() const { return pendingOpenCallStop_; }
@@ -78,6 +81,8 @@ public:
     InfraRefresher& infra() { return *infra_; }
     const Endpoints& endpoints() const { return services_.endpoints; }
     const HTTPClient& http() const { return http_; }
+    // Shares this model's memory of the sessions of this run.
+    const SessionKeychain& keychain() const { return keychain_; }
     // The selected organisation's token, read from the keyring at each call.
     const TokenProvider& tokenProvider() const { return tokenProvider_; }
 
@@ -152,6 +157,7 @@ private:
     std::optional<DeviceGrant> grant_;
     bool signingIn_ = false;
     bool startingCapture_ = false;
+    bool sessionNotKept_ = false;
     std::shared_ptr<BackgroundTask> loginTask_;
 };
 

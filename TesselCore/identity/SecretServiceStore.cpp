@@ -95,7 +95,15 @@ struct StaleService {
 
 [[noreturn]] void refuseLocked() {
     throw SecureStoreRefusal(SECRET_ERROR_IS_LOCKED,
-                             u"The keyring collection is locked and was not unlocked"_s);
+                             u"The keyring collection is locked and was not unlocked"_s,
+                             SecureStoreRefusal::Kind::locked);
+}
+
+// Nobody owns org.freedesktop.secrets and nothing can start a daemon for it:
+// "The name org.freedesktop.secrets was not provided by any .service files".
+bool noService(const GError* error) {
+    return g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
+           g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER);
 }
 
 // A connection of the store's own, not libsecret's shared one: that one stays
@@ -105,7 +113,9 @@ ServicePtr openService() {
     SecretService* opened = secret_service_open_sync(SECRET_TYPE_SERVICE, nullptr,
                                                      SECRET_SERVICE_OPEN_SESSION, nullptr, &error);
     if (!opened) {
-        SecureStoreRefusal refusal(error->code, QString::fromUtf8(error->message));
+        SecureStoreRefusal refusal(error->code, QString::fromUtf8(error->message),
+                                   noService(error) ? SecureStoreRefusal::Kind::noService
+                                                    : SecureStoreRefusal::Kind::refused);
         g_error_free(error);
         throw refusal;
     }
@@ -159,7 +169,8 @@ std::optional<QByteArray> secretOf(SecretItem* item) {
     return take(value);
 }
 
-std::optional<QByteArray> readFirst(SecretService* svc, const QString& account) {
+std::optional<QByteArray> readFirst(SecretService* svc, const QString& account,
+                                    SecureStore::Unlock unlock) {
     // By path, not by item object: a search and a secret are two calls.
     gchar** unlocked = nullptr;
     gchar** locked = nullptr;
@@ -180,6 +191,9 @@ std::optional<QByteArray> readFirst(SecretService* svc, const QString& account) 
     }
     if (!locked || !locked[0]) {
         return std::nullopt;
+    }
+    if (unlock == SecureStore::Unlock::never) {
+        refuseLocked();
     }
     // Locked: unlock it as the other calls do, the desktop's prompt included.
     const Items items = search(svc, &account, SECRET_SEARCH_UNLOCK | SECRET_SEARCH_LOAD_SECRETS);
@@ -228,8 +242,8 @@ template <typename Call> auto SecretServiceStore::withService(Call call) const {
     }
 }
 
-std::optional<QByteArray> SecretServiceStore::read(const QString& account) const {
-    return withService([&](SecretService* svc) { return readFirst(svc, account); });
+std::optional<QByteArray> SecretServiceStore::read(const QString& account, Unlock unlock) const {
+    return withService([&](SecretService* svc) { return readFirst(svc, account, unlock); });
 }
 
 void SecretServiceStore::write(const QString& account, const QByteArray& secret) const {

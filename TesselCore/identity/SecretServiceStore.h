@@ -22,7 +22,7 @@ public:
     SecretServiceStore();
     ~SecretServiceStore() override;
 
-    std::optional<QByteArray> read(const QString& account) const override;
+    std::optional<QByteArray> read(const QString& account, Unlock unlock) const override;
     void write(const QString& account, const QByteArray& secret) const override;
     void erase(const QString& account) const override;
     QStringList accounts() const override;

@@ -37,6 +37,8 @@ CallWindow::CallWindow(AppModel& model, std::function<void(const QString&)> open
     project_ = new QLineEdit(this);
     project_->setPlaceholderText(QStringLiteral("Project slug (optional)"));
     for (QLineEdit* field : {title_, counterpart_, project_}) {
+        // A screen reader says the field's name; the placeholder is gone once typed over.
+        field->setAccessibleName(field->placeholderText());
         layout->addWidget(field);
         connect(field, &QLineEdit::textChanged, this, &CallWindow::refresh);
     }

@@ -230,6 +230,9 @@ void PopoverView::rebuild() {
     if (QWidget* error = modelErrorView(model, dismiss, top_)) {
         rows->addWidget(error);
     }
+    if (model.member() && model.sessionNotKept()) {
+        rows->addWidget(textLine(AppModel::sessionNotKeptMessage, top_, true));
+    }
 
     infraView_->setOrg(model.orgStore().current().host, model.orgStore().current().name);
     delete footer_;

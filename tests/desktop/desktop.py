@@ -6,6 +6,7 @@ does: through the accessibility tree and the keyboard.
 The build's bin folder comes from TESSEL_BIN; TESSEL_ARTIFACTS names a folder
 for the screenshots and logs of a failed test.
 """
+import atexit
 import json
 import os
 import pathlib
@@ -43,6 +44,33 @@ def wait_until(check, timeout=20.0, step=0.1, what='condition'):
         time.sleep(step)
 
 
+class SessionBus:
+    """One private session bus with its accessibility bus per test process: the
+    accessibility library connects once per process and never lets go."""
+    _address = None
+
+    @classmethod
+    def address(cls):
+        if cls._address is None:
+            folder = pathlib.Path(tempfile.mkdtemp(prefix='tessel-bus-'))
+            env = {k: v for k, v in os.environ.items() if not k.startswith(('DBUS_', 'DISPLAY'))}
+            bus = subprocess.Popen(['dbus-daemon', '--nofork', '--print-address=1', f'--config-file={BUS_CONFIG}'],
+                                   env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+            cls._address = bus.stdout.readline().decode().strip()
+            env['DBUS_SESSION_BUS_ADDRESS'] = cls._address
+            with open(folder / 'a11y.err', 'wb') as err:
+                a11y = subprocess.Popen(['/usr/libexec/at-spi-bus-launcher', '--launch-immediately'], env=env,
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err)
+
+            def stop():
+                for proc in (a11y, bus):
+                    proc.terminate()
+                    proc.wait(5)
+                shutil.rmtree(folder, ignore_errors=True)
+            atexit.register(stop)
+        return cls._address
+
+
 class Desktop:
     """`keyring`: 'unlocked', 'none' (no Secret Service on the bus)."""
 
@@ -70,9 +98,8 @@ class Desktop:
     # -- lifetime ---------------------------------------------------------------
 
     def start(self):
-        self._bus()
+        self.env['DBUS_SESSION_BUS_ADDRESS'] = SessionBus.address()
         self._display()
-        self.spawn(['/usr/libexec/at-spi-bus-launcher', '--launch-immediately'], 'a11y')
         if self.keyring == 'unlocked':
             self._keyring()
         if self.sound:
@@ -115,11 +142,6 @@ class Desktop:
         if 'input' not in kwargs:
             kwargs['stdin'] = subprocess.DEVNULL
         return subprocess.run(argv, env=self.env, capture_output=True, timeout=60, **kwargs)
-
-    def _bus(self):
-        bus = self.spawn(['dbus-daemon', '--nofork', '--print-address=1', f'--config-file={BUS_CONFIG}'],
-                         'bus', stdout=subprocess.PIPE)
-        self.env['DBUS_SESSION_BUS_ADDRESS'] = bus.stdout.readline().decode().strip()
 
     def _display(self):
         read, write = os.pipe()
@@ -320,6 +342,14 @@ class Screen:
         return wait_until(lambda: next(iter(self.all(role, name, within)), None), timeout,
                           what=f'{role or "anything"} "{name}"')
 
+    def dump(self, node=None, depth=0):
+        """The tree as a screen reader walks it, one line per accessible."""
+        node = node or self.application()
+        lines = [f"{'  ' * depth}{node.getRoleName()} {node.name!r}"]
+        for child in node:
+            lines += self.dump(child, depth + 1).splitlines() if child else []
+        return '\n'.join(lines)
+
     def texts(self, within=None):
         return [node.name for node in self.all(role='label', within=within) if node.name]
 
@@ -332,7 +362,9 @@ class Screen:
         node.queryEditableText().setTextContents(text)
 
     def window(self, title, timeout=20):
-        return self.find(role='frame', name=title, timeout=timeout)
+        """A top-level window by its title (Qt gives a plain window the role filler)."""
+        return wait_until(lambda: next((w for w in self.application() if w and w.name == title), None),
+                          timeout, what=f'the window "{title}"')
 
 
 class DesktopTest(unittest.TestCase):

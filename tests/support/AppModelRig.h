@@ -18,7 +18,7 @@ namespace tessel::test {
 
 class MemoryStore : public SecureStore {
 public:
-    std::optional<QByteArray> read(const QString& account) const override {
+    std::optional<QByteArray> read(const QString& account, Unlock) const override {
         const auto found = items.find(account);
         return found == items.end() ? std::nullopt : std::optional(found->second);
     }
