@@ -381,6 +381,13 @@ class DesktopTest(unittest.TestCase):
     def screen(self):
         return Screen(self.desktop)
 
+    def picture(self, name):
+        """With TESSEL_PICTURES naming a folder, the whole screen as NAME.png there."""
+        folder = os.environ.get('TESSEL_PICTURES')
+        if folder:
+            pathlib.Path(folder).mkdir(parents=True, exist_ok=True)
+            self.desktop.screenshot(pathlib.Path(folder) / f'{name}.png')
+
     def _keep_on_failure(self):
         outcome = getattr(self, '_outcome', None)
         if outcome is None or outcome.success:

@@ -40,6 +40,7 @@ class LockedKeyring(DesktopTest):
         self.assertNotIn(LOST_SIGN_IN, shown)
         self.assertNotIn('Uploads paused', shown)
         self.assertIn('Listening', shown)
+        self.picture('keyring-locked-during-call')
 
         # Quitting during the call still closes it on the server.
         began = time.monotonic()
@@ -64,6 +65,7 @@ class NoKeyring(DesktopTest):
         self.assertFalse([t for t in screen.texts(popover) if 'eychain' in t or 'sign-in could not' in t],
                          screen.texts(popover))
 
+        self.picture('no-keyring-first-start')
         screen.press('push button', 'Sign in…', popover)
         login = screen.window('Sign in to Velmora')
         screen.press('push button', 'Sign in', login)
@@ -78,6 +80,7 @@ class NoKeyring(DesktopTest):
         self.assertEqual(len(notices), 1, texts)
         self.assertIn('install gnome-keyring or KWallet', notices[0])
         self.assertFalse([t for t in texts if 'eychain' in t or 'could not be opened' in t], texts)
+        self.picture('signed-in-without-keyring')
         # The session works: the open calls are listed with it.
         wait_until(lambda: [e for e in d.requests('list') if e.get('has_token')], 20, what='a signed-in list')
         self.assertEqual(d.end_app(), 0)
