@@ -18,7 +18,7 @@ namespace tessel::app {
 
 QString Entry::usageText() {
     return QStringList{
-        QStringLiteral("VelmoraTessel                        Open the menu-bar app"),
+        QStringLiteral("VelmoraTessel                        Open the tray app"),
         QStringLiteral("VelmoraTessel capture --base-url URL --token MEMBER_SESSION --title NAME "
                        "--counterpart NAME --seconds 25 --project \"\""),
         QString(),
@@ -26,8 +26,8 @@ QString Entry::usageText() {
                        "the participants first:"),
         QStringLiteral("Heads-up: I'm taking notes on this call with a recorder on my side; say so "
                        "if you'd rather I didn't."),
-        QStringLiteral("Use the signed .app executable so macOS can associate audio permissions "
-                       "with ai.velmora.tessel."),
+        QStringLiteral("capture records the sound server of the desktop session it runs in "
+                       "(PulseAudio or PipeWire): run it in the session where the call plays."),
     }
         .join(QLatin1Char('\n'));
 }

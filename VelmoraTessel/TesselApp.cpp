@@ -48,11 +48,14 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
 
     infra_ = std::make_shared<InfraModel>(InfraCLI::tool(), monotonicNow, sleepFor);
     const auto secrets = std::make_shared<SecretServiceStore>();
+    // One settings file, held by one object: the organisation selection, the
+    // feed's state and the window frames all go through it.
+    defaults_ = std::make_shared<SettingsDefaults>();
     // The one place that starts services.
     model_ = std::make_unique<AppModel>(
         AppModel::Services{
             .endpoints = endpoints_,
-            .defaults = std::make_shared<SettingsDefaults>(),
+            .defaults = defaults_,
             .secureStore = secrets,
             .httpSession = session,
             .makeAudio = defaultAudioMaker(),
@@ -97,10 +100,8 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
     });
 
     // The notification feed polls from the end of launching on.
-    settings_ =
-        std::make_unique<QSettings>(QStringLiteral("Velmora"), QStringLiteral("VelmoraTessel"));
-    notifications_ = std::make_unique<AppNotifications>(*settings_, instance_.bus(), *model_,
-                                                        HTTPClient(session),
+    notifications_ = std::make_unique<AppNotifications>(defaults_->settings(), instance_.bus(),
+                                                        *model_, HTTPClient(session),
                                                         endpoints_.notifyServiceURL.toString());
     delegate_.launchJobs.push_back([this] { notifications_->startPolling(); });
 
@@ -187,7 +188,7 @@ void TesselApp::addWindows() {
             settings = [command = *command] { launch(command); };
         }
         return new SubscriptionsWindow(
-            subscriptions(), *settings_,
+            subscriptions(), defaults_->settings(),
             {openInDesktop, settings,
              VantorAccountsCLI::notInstalled(environment, QDir::homePath())});
     });

@@ -17,6 +17,7 @@
 #include "TrayPresence.h"
 #include "app/AppModel.h"
 #include "identity/Endpoints.h"
+#include "identity/UserDefaults.h"
 #include "infra/InfraModel.h"
 #include "subscriptions/AccountsModel.h"
 #include "subscriptions/SubscriptionsModel.h"
@@ -26,7 +27,6 @@
 #include <QHash>
 #include <QObject>
 #include <QPointer>
-#include <QSettings>
 
 #include <functional>
 #include <memory>
@@ -71,7 +71,7 @@ private:
     TesselApplicationDelegate delegate_;
     std::shared_ptr<InfraModel> infra_;
     std::unique_ptr<AppModel> model_;
-    std::unique_ptr<QSettings> settings_;
+    std::shared_ptr<SettingsDefaults> defaults_;
     std::unique_ptr<AppNotifications> notifications_;
     std::unique_ptr<AccountsModel> accounts_;
     std::unique_ptr<SubscriptionsModel> subscriptions_;

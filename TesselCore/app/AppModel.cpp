@@ -540,7 +540,11 @@ Task<void> AppModel::refreshOpenCalls() {
         }
         setError(lines.humanLine);
         errorDetails_ = lines.detailLine;
-        logLines(lines);
+        // The HTTP client has written the line of every refusal and transport
+        // failure it saw; only what failed beyond it is logged here.
+        if (!failureAs<HTTPFailure>(failure) && !failureAs<URLError>(failure)) {
+            logLines(lines);
+        }
         openCallsErrorDetails_ = errorDetails_;
     }
     loadingOpenCalls_ = false;

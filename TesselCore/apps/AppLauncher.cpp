@@ -3,10 +3,6 @@
 #include "apps/DesktopApps.h"
 #include "errors/Failures.h"
 
-#include <QFile>
-
-#include <unistd.h>
-
 using namespace Qt::StringLiterals;
 
 namespace tessel {
@@ -79,9 +75,8 @@ AppLauncher::launch(VelmoraApp app, std::optional<LaunchOrg> org) const {
 }
 
 AppLauncher AppLauncher::system(const QProcessEnvironment& environment, const QString& home,
-                                std::function<bool(QUrl)> openURL, Downloader download,
-                                const QString& systemApplications) {
-    const DesktopApps::Places places = DesktopApps::places(environment, home, systemApplications);
+                                std::function<bool(QUrl)> openURL, Downloader download) {
+    const DesktopApps::Places places = DesktopApps::places(environment, home);
     AppLauncher launcher;
     launcher.resolver = [places](const QString& bundleID) {
         return DesktopApps::find(places, bundleID);
@@ -89,13 +84,9 @@ AppLauncher AppLauncher::system(const QProcessEnvironment& environment, const QS
     launcher.openApplication = [](QUrl url) { return DesktopApps::open(url, {}); };
     launcher.openApplicationWithArguments = &DesktopApps::open;
     launcher.openURL = std::move(openURL);
-    launcher.installArchive = [home, download, systemApplications](VelmoraApp app, QUrl url) {
+    launcher.installArchive = [home, download](VelmoraApp app, QUrl url) {
         ZipAppInstaller::Context context;
         context.home = home;
-        context.systemApplications = systemApplications;
-        context.isWritable = [](const QString& path) {
-            return ::access(QFile::encodeName(path).constData(), W_OK) == 0;
-        };
         context.download = download;
         return ZipAppInstaller::install(std::move(app), std::move(url), std::move(context));
     };

@@ -46,12 +46,9 @@ struct AppLauncher {
                                                               std::optional<LaunchOrg> org) const;
 
     // The launcher of this desktop: applications found by their desktop entry
-    // or AppDir and started detached; archives installed into
-    // `systemApplications` when it can be written, else ~/Applications.
-    static AppLauncher
-    system(const QProcessEnvironment& environment, const QString& home,
-           std::function<bool(QUrl)> openURL, Downloader download,
-           const QString& systemApplications = ZipAppInstaller::systemApplications);
+    // or AppDir and started detached; archives installed into ~/Applications.
+    static AppLauncher system(const QProcessEnvironment& environment, const QString& home,
+                              std::function<bool(QUrl)> openURL, Downloader download);
 };
 
 } // namespace tessel

@@ -88,8 +88,6 @@ Task<void> AppsModel::activate(QString id) {
     }
     if (failure) {
         messages_.insert(id, *failure);
-    } else if (installation && installation->notice) {
-        messages_.insert(id, *installation->notice);
     } else {
         messages_.remove(id);
     }

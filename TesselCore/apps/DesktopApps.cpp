@@ -131,8 +131,7 @@ std::optional<QString> withoutFieldCodes(const QString& argument) {
 
 } // namespace
 
-Places places(const QProcessEnvironment& environment, const QString& home,
-              const QString& systemApplications) {
+Places places(const QProcessEnvironment& environment, const QString& home) {
     Places result;
     QString dataHome = environment.value(u"XDG_DATA_HOME"_s);
     if (dataHome.isEmpty()) {
@@ -145,7 +144,7 @@ Places places(const QProcessEnvironment& environment, const QString& home,
     for (const QString& dir : QStringList{dataHome} + dataDirs.split(u':', Qt::SkipEmptyParts)) {
         result.entryDirectories << dir + u"/applications"_s;
     }
-    result.appDirDirectories = {systemApplications, home + u"/Applications"_s};
+    result.appDirDirectories = {home + u"/Applications"_s};
     return result;
 }
 

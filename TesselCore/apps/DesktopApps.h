@@ -1,7 +1,7 @@
 // Sibling applications on a Linux desktop: found by the desktop entry named
 // after their bundle identifier, or as an AppDir ("Name.app/" with AppRun and
-// one "<bundle id>.desktop" at its top) in /Applications or ~/Applications,
-// and started detached with arguments of our own.
+// one "<bundle id>.desktop" at its top) in ~/Applications, and started
+// detached with arguments of our own.
 #pragma once
 
 #include "async/Async.h"
@@ -21,10 +21,8 @@ struct Places {
 };
 
 // $XDG_DATA_HOME (or ~/.local/share), then $XDG_DATA_DIRS (or
-// /usr/local/share:/usr/share), each with "applications"; /Applications and
-// ~/Applications.
-Places places(const QProcessEnvironment& environment, const QString& home,
-              const QString& systemApplications = QStringLiteral("/Applications"));
+// /usr/local/share:/usr/share), each with "applications"; ~/Applications.
+Places places(const QProcessEnvironment& environment, const QString& home);
 
 // The file URL of "<bundleID>.desktop" or of the AppDir with that identifier.
 std::optional<QUrl> find(const Places& places, const QString& bundleID);

@@ -102,8 +102,7 @@ bool isArchive(const QUrl& url) {
 }
 
 QString destination(const Context& context) {
-    return context.isWritable(context.systemApplications) ? context.systemApplications
-                                                          : context.home + u"/Applications"_s;
+    return context.home + u"/Applications"_s;
 }
 
 QString archiveName(const VelmoraApp& app) {
@@ -202,12 +201,7 @@ Task<Installation> install(VelmoraApp app, QUrl url, Context context, Cancellati
     if (!application) {
         throw TesselError(u"The ZIP does not contain %1."_s.arg(app.bundleID.value_or(app.name)));
     }
-    std::optional<QString> notice;
-    if (directory != context.systemApplications) {
-        notice = u"Installed to %1 because %2 is not writable."_s.arg(directory,
-                                                                      context.systemApplications);
-    }
-    co_return Installation{*application, directory, notice};
+    co_return Installation{*application, directory};
 }
 
 } // namespace tessel::ZipAppInstaller

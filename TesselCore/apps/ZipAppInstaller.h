@@ -1,7 +1,8 @@
 // Installs a sibling application offered as a ZIP archive: downloads it into
 // ~/Downloads, proves from its table of contents that every entry stays inside
-// the installation directory, unpacks it with the system's unzip and finds the
-// application (an AppDir, "Name.app/") that came out of it.
+// the installation directory, unpacks it with the system's unzip into
+// ~/Applications and finds the application (an AppDir, "Name.app/") that came
+// out of it. A system folder is never written, even when it could be.
 #pragma once
 
 #include "apps/AppRegistry.h"
@@ -28,32 +29,25 @@ namespace ZipAppInstaller {
 // The real download: `HTTPClient::download`, which follows redirects.
 Downloader downloader(HTTPClient client);
 
-inline const QString systemApplications = QStringLiteral("/Applications");
 inline const QString zipinfo = QStringLiteral("/usr/bin/zipinfo");
 inline const QString unzip = QStringLiteral("/usr/bin/unzip");
 
 struct Installation {
     QString application; // the installed AppDir
     QString directory;   // where it was installed
-    // None when it went to the system's applications directory.
-    std::optional<QString> notice;
 
-    bool operator==(const Installation& other) const {
-        return application == other.application && directory == other.directory;
-    }
+    bool operator==(const Installation&) const = default;
 };
 
 // What `install` takes from outside.
 struct Context {
     QString home;
-    std::function<bool(const QString& path)> isWritable; // default: access(W_OK)
     Downloader download;
-    QString systemApplications = ZipAppInstaller::systemApplications;
 };
 
 // True when the URL's path ends in ".zip", in any case.
 bool isArchive(const QUrl& url);
-// The system's applications directory when it can be written, else ~/Applications.
+// ~/Applications, the per-user place of AppImages and AppDirs.
 QString destination(const Context& context);
 // The archive's name in ~/Downloads: the app's name, "/" made "-", + ".zip".
 QString archiveName(const VelmoraApp& app);

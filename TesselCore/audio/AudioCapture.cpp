@@ -20,8 +20,9 @@ namespace {
 
 const QString noServerMessage = u"No sound server is running — start PulseAudio or PipeWire's "
                                 u"pulse server, then retry."_s;
-const QString noMicrophoneMessage = u"No microphone input is available — select a microphone in "
-                                    u"System Settings → Sound → Input and retry."_s;
+const QString noMicrophoneMessage = u"No microphone input is available — select a microphone as "
+                                    u"the input device in the desktop's sound settings, then "
+                                    u"retry."_s;
 const QString noAnswerMessage = u"The sound server did not answer — restart PulseAudio or "
                                 u"PipeWire's pulse server, then retry."_s;
 const QString noSinkReason = u"There is no default output device to record from — choose an "

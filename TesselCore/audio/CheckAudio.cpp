@@ -10,7 +10,7 @@ void checkAudio(int status, const QString& what) {
     if (status == 0) {
         return;
     }
-    throw TesselError(u"%1 failed (Core Audio %2) — check the selected audio device and "
+    throw TesselError(u"%1 failed (audio status %2) — check the selected audio device and "
                       u"permissions, then start a new call."_s.arg(what)
                           .arg(status));
 }

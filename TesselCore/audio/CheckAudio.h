@@ -5,8 +5,9 @@
 
 namespace tessel {
 
-// 0 passes; any other status throws TesselError
-// "<what> failed (Core Audio <status>) — …" with the status as a signed number.
+// 0 passes; any other status (of the sound server or of FFmpeg) throws
+// TesselError "<what> failed (audio status <status>) — …" with the status as a
+// signed number.
 void checkAudio(int status, const QString& what);
 
 } // namespace tessel

@@ -32,7 +32,8 @@ AACEncoder::AACEncoder() {
     const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
     if (!codec) {
         throw TesselError(
-            u"AAC encoder unavailable — restart the app and check macOS audio components."_s);
+            u"AAC encoder unavailable — check that FFmpeg's libavcodec with its AAC encoder is "
+            u"installed, then restart the app."_s);
     }
     context_.reset(avcodec_alloc_context3(codec));
     frame_.reset(av_frame_alloc());

@@ -45,9 +45,9 @@ QString humanLineFor(const std::exception& error, const QString& text) {
     }
     if (const auto* audio = dynamic_cast<const AudioCaptureError*>(&error)) {
         if (audio->kind() == AudioCaptureError::Kind::systemAudioStartFailed) {
-            return u"System audio could not start — enable Velmora Tessel in System Settings → "
-                   u"Privacy & Security → Screen & System Audio Recording, then quit and reopen "
-                   u"the app."_s;
+            return u"System audio could not start — check that PulseAudio or PipeWire is running "
+                   u"and choose an output device in the desktop's sound settings, then start a "
+                   u"new call."_s;
         }
         return text;
     }
@@ -55,13 +55,14 @@ QString humanLineFor(const std::exception& error, const QString& text) {
         return u"The server sent an unexpected response. Try again; details are below."_s;
     }
     if (text.contains(u"Keychain refused"_s)) {
-        return u"Your saved sign-in could not be opened — unlock your login Keychain, allow "
-               u"Velmora Tessel access, and sign in again."_s;
+        return u"Your saved sign-in could not be opened — unlock your login keyring (GNOME "
+               u"Keyring or KWallet), allow Velmora Tessel access, and sign in again."_s;
     }
     if (text.contains(u"vses_"_s) || text.startsWith(u"Sign-in refused:"_s)) {
         return u"Sign-in could not finish. Choose Sign in to try again."_s;
     }
-    if (text.contains(u"Core Audio"_s) || text.contains(u"AAC"_s) || text.contains(u"PCM"_s)) {
+    // "(audio status N)" is how checkAudio words a sound server's or FFmpeg's status.
+    if (text.contains(u"(audio status "_s) || text.contains(u"AAC"_s) || text.contains(u"PCM"_s)) {
         return u"Audio could not be recorded — check your audio device and permissions, then "
                u"start a new call."_s;
     }

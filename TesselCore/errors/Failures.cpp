@@ -31,34 +31,19 @@ QString AudioCaptureError::description() const {
     switch (kind_) {
     case Kind::systemAudioStartFailed:
         return u"System audio capture could not start: "_s + reason_ +
-               u" Open System Settings → Privacy & Security → Screen & System Audio Recording, "
-               u"enable Velmora Tessel under System Audio Recording, then quit and reopen the "
-               u"app."_s;
+               u" The call's sound is recorded from the default output device's monitor on the "
+               u"desktop session's sound server (PulseAudio or PipeWire)."_s;
     case Kind::microphonePermissionDenied:
         break;
     }
-    return u"Microphone permission was refused — open System Settings → Privacy & Security → "
-           u"Microphone, enable Velmora Tessel, then quit and reopen the app."_s;
+    return u"Microphone permission was refused — the sound server (PulseAudio or PipeWire) would "
+           u"not let Velmora Tessel record; allow microphone access in the desktop's privacy or "
+           u"sound settings, then start a new call."_s;
 }
 
 QString AudioCaptureError::settingsButtonTitle() const {
-    switch (kind_) {
-    case Kind::systemAudioStartFailed:
-        return u"Open System Audio settings"_s;
-    case Kind::microphonePermissionDenied:
-        break;
-    }
-    return u"Open Microphone settings"_s;
-}
-
-QString AudioCaptureError::settingsURL() const {
-    switch (kind_) {
-    case Kind::systemAudioStartFailed:
-        return u"x-apple.systempreferences:com.apple.preference.security?Privacy_AudioCapture"_s;
-    case Kind::microphonePermissionDenied:
-        break;
-    }
-    return u"x-apple.systempreferences:com.apple.preference.security?Privacy_Microphone"_s;
+    // Both failures are settled in the same place: the desktop's sound settings.
+    return u"Open sound settings"_s;
 }
 
 bool isCancellation(const std::exception_ptr& error) {

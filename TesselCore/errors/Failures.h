@@ -89,7 +89,6 @@ public:
     const QString& reason() const { return reason_; }
     QString description() const override;
     QString settingsButtonTitle() const;
-    QString settingsURL() const;
     QString typeName() const override { return QStringLiteral("tessel::AudioCaptureError"); }
     qint64 errorCode() const override { return static_cast<qint64>(kind_); }
 

@@ -38,6 +38,11 @@ void checkVerificationURL(const QString& text, const QUrl& authURL) {
     }
 }
 
+// The answer to a poll while the code waits for approval.
+bool isPending(const JSON& answer) {
+    return answer["error"].string() == u"authorization_pending"_s;
+}
+
 bool timedOut(const URLError& error) {
     return error.errorCode() == URLError::timedOut;
 }
@@ -94,12 +99,20 @@ Task<PollResult> DeviceLogin::pollOnce(DeviceLogin self, DeviceGrant grant,
     const QByteArray body =
         JSON(JSON::Object{{u"device_code"_s, grant.deviceCode}, {u"grant_type"_s, grantType}})
             .dump();
-    const HTTPResponse response =
-        co_await self.http_.send(self.post(u"v1/auth/device/token"_s, body), token);
+    HTTPRequest request = self.post(u"v1/auth/device/token"_s, body);
+    // Waiting for approval is how every sign-in begins, not a failure to log.
+    request.expectedRefusal = [](const HTTPResponse& answer) {
+        try {
+            return isPending(JSON::parse(answer.body));
+        } catch (const std::exception&) {
+            return false;
+        }
+    };
+    const HTTPResponse response = co_await self.http_.send(std::move(request), token);
     const JSON answer = JSON::parse(response.body);
 
     if (const auto error = answer["error"].string()) {
-        if (*error == u"authorization_pending"_s) {
+        if (isPending(answer)) {
             co_return PollResult{PollResult::Kind::pending, {}};
         }
         if (*error == u"slow_down"_s) {

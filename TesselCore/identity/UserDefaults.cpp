@@ -1,5 +1,7 @@
 #include "identity/UserDefaults.h"
 
+#include <QFile>
+#include <QFileInfo>
 #include <QSettings>
 
 #include <cmath>
@@ -64,9 +66,43 @@ std::optional<double> UserDefaults::number(const QString& key) const {
     return n;
 }
 
+namespace {
+
+const QString organisation = u"Velmora"_s;
+const QString application = u"VelmoraTessel"_s;
+
+// Earlier versions kept the organisation selection in VelmoraTessel.ini beside
+// this file and only the feed's state here. The earlier file is read once: a key
+// this file already holds wins, and the earlier file goes once its keys are safe.
+void adoptEarlierFile(QSettings& settings) {
+    const QString earlier = QFileInfo(settings.fileName()).path() + u'/' + application + u".ini"_s;
+    if (!QFile::exists(earlier)) {
+        return;
+    }
+    {
+        const QSettings old(earlier, QSettings::IniFormat);
+        if (old.status() != QSettings::NoError) {
+            return;
+        }
+        for (const QString& key : old.allKeys()) {
+            if (!settings.contains(key)) {
+                settings.setValue(key, old.value(key));
+            }
+        }
+    }
+    settings.sync();
+    if (settings.status() == QSettings::NoError) {
+        QFile::remove(earlier);
+    }
+}
+
+} // namespace
+
 SettingsDefaults::SettingsDefaults()
-    : settings_(std::make_unique<QSettings>(QSettings::IniFormat, QSettings::UserScope,
-                                            u"Velmora"_s, u"VelmoraTessel"_s)) {}
+    : settings_(std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
+                                            organisation, application)) {
+    adoptEarlierFile(*settings_);
+}
 
 SettingsDefaults::SettingsDefaults(const QString& path)
     : settings_(std::make_unique<QSettings>(path, QSettings::IniFormat)) {}

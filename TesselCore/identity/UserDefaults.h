@@ -37,7 +37,8 @@ public:
 
 class SettingsDefaults : public UserDefaults {
 public:
-    // The program's own file: organisation "Velmora", application "VelmoraTessel".
+    // The program's own file, $XDG_CONFIG_HOME/Velmora/VelmoraTessel.conf; keys of
+    // an earlier VelmoraTessel.ini beside it are carried over once.
     SettingsDefaults();
     // Any INI file, for tests and tools.
     explicit SettingsDefaults(const QString& path);
@@ -49,6 +50,10 @@ public:
 
     // Writes what is pending to the file.
     void sync();
+
+    // The one settings object: the program's other readers and writers (the
+    // feed's state, window frames) share it instead of opening the file again.
+    QSettings& settings() { return *settings_; }
 
 private:
     std::unique_ptr<QSettings> settings_;

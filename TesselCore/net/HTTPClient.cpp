@@ -22,7 +22,8 @@ class HTTPDiagnostics {
 public:
     explicit HTTPDiagnostics(bool retainUntilCleared) : retainUntilCleared_(retainUntilCleared) {}
 
-    void record(const std::optional<ErrorPresentation>& presentation, const QString& path) {
+    void record(const std::optional<ErrorPresentation>& presentation, const QString& path,
+                bool logged = true) {
         if (retainUntilCleared_ && !presentation) {
             return;
         }
@@ -36,7 +37,7 @@ public:
                 }
             }
         }
-        if (presentation) {
+        if (presentation && logged) {
             presentation->log();
         }
     }
@@ -112,6 +113,7 @@ Task<HTTPResponse> HTTPClient::send(HTTPRequest request, CancellationToken token
     const auto session = session_;
     const auto diagnostics = diagnostics_;
     const QString path = reportingPath(request.url);
+    const auto expectedRefusal = std::move(request.expectedRefusal);
 
     token.check();
 
@@ -134,7 +136,8 @@ Task<HTTPResponse> HTTPClient::send(HTTPRequest request, CancellationToken token
 
     if (response.status < 200 || response.status > 299) {
         const HTTPFailure failure(response.status, HTTPFailure::bodyText(response.body), path);
-        diagnostics->record(ErrorPresentation::from(failure), path);
+        diagnostics->record(ErrorPresentation::from(failure), path,
+                            !expectedRefusal || !expectedRefusal(response));
     } else {
         diagnostics->record(std::nullopt, path);
     }

@@ -10,12 +10,18 @@
 #include <QString>
 #include <QUrl>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
 
 namespace tessel {
+
+struct HTTPResponse {
+    QByteArray body;
+    int status = 0;
+};
 
 // A finished request as the caller builds it: the client adds nothing.
 struct HTTPRequest {
@@ -26,13 +32,12 @@ struct HTTPRequest {
     // Seconds without progress after which the request ends. The session's own
     // limit applies when it is shorter.
     double timeout = 60;
+    // A non-2xx answer for which this holds is the normal course of the
+    // exchange (a device-code poll that is not approved yet): remembered as
+    // any other, but not logged.
+    std::function<bool(const HTTPResponse&)> expectedRefusal;
 
     void setHeader(const QByteArray& name, const QByteArray& value);
-};
-
-struct HTTPResponse {
-    QByteArray body;
-    int status = 0;
 };
 
 class HTTPTransport;

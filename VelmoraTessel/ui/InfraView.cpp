@@ -185,8 +185,8 @@ void InfraView::addRows(QVBoxLayout* column, const InfraStatus& status) {
     label->setWordWrap(false);
     tunnel->addWidget(label, 1);
     if (row && row->tunnel.log && !row->tunnel.log->isEmpty()) {
-        // The desktop's default application for the log stands in for Console.
-        auto* log = iconButton(u"text-x-generic"_s, u"≡"_s, u"Open tunnel log in Console"_s, body_);
+        // The log opens in the desktop's default application for it.
+        auto* log = iconButton(u"text-x-generic"_s, u"≡"_s, u"Open tunnel log"_s, body_);
         const QUrl file = QUrl::fromLocalFile(expandTilde(*row->tunnel.log));
         connect(log, &QToolButton::clicked, this, [this, file] { leaveTo(file); });
         tunnel->addWidget(log);

@@ -25,8 +25,10 @@ LoginWindow::LoginWindow(AppModel& model, OpenURL openURL, QWidget* parent)
 
     address_ = new QLineEdit(this);
     address_->setPlaceholderText(QStringLiteral("Organisation meet URL"));
-    connect(address_, &QLineEdit::textEdited, this, [this](const QString& text) {
-        if (model_) {
+    // Every change counts, typed or set by assistive technology; the model's
+    // own text coming back through refresh() is not sent to it again.
+    connect(address_, &QLineEdit::textChanged, this, [this](const QString& text) {
+        if (model_ && text != model_->loginURL()) {
             model_->setLoginURL(text);
         }
     });

@@ -1,6 +1,5 @@
 #include "ui/PopoverView.h"
 
-#include "app/AppTranslocation.h"
 #include "app/AppVersion.h"
 #include "ui/AppsView.h"
 #include "ui/CaptureStatusView.h"
@@ -14,7 +13,6 @@
 #include "ui/Toolbar.h"
 #include "ui/Widgets.h"
 
-#include <QCoreApplication>
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -209,11 +207,6 @@ void PopoverView::rebuild() {
                 });
             },
             top_));
-    }
-    if (AppTranslocation::isTranslocated(QCoreApplication::applicationFilePath())) {
-        rows->addWidget(textLine(QStringLiteral("Move VelmoraTessel to Applications so macOS "
-                                                "remembers your permissions."),
-                                 top_, true));
     }
     addCommands(rows);
     const auto dismiss = [this] { controller_.dismiss(); };

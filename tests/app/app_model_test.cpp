@@ -1,6 +1,7 @@
 // The application model against the local server: a scripted audio source, a
 // keyring in memory, time running a hundred times faster, and a "browser"
 // that approves every sign-in code it is shown.
+#include "errors/ErrorLog.h"
 #include "net/HTTPFailure.h"
 #include "support/AppModelRig.h"
 #include "support/Wait.h"
@@ -183,4 +184,26 @@ TEST_F(AppModelTest, ConflictOnStoppingAnOpenCallListsAgain) {
     EXPECT_TRUE(model->error());
     EXPECT_FALSE(model->stoppingOpenCall());
     EXPECT_EQ(model->openCalls().size(), 1u);
+}
+
+// A failed list is logged once, whether the transport refused it (and wrote
+// the line) or its answer made no sense.
+TEST_F(AppModelTest, AFailedListIsLoggedOnce) {
+    saveMember(alpha, "vses_member");
+    model = makeModel(false);
+    model->changeOrganisation();
+    std::vector<QString> logged;
+    const log::ScopedSink sink([&](log::Level level, const char*, const QString& text) {
+        if (level == log::Level::error) {
+            logged.push_back(text);
+        }
+    });
+    for (const auto& [status, body] : std::vector<std::pair<int, std::string>>{
+             {500, R"({"error":{"code":"boom","message":"Boom."}})"}, {200, "[1"}}) {
+        server.script("list", 1, status, body);
+        logged.clear();
+        wait(model->refreshOpenCalls());
+        ASSERT_TRUE(model->errorDetails()) << body;
+        EXPECT_EQ(logged, std::vector<QString>{*model->errorDetails()}) << body;
+    }
 }

@@ -34,21 +34,15 @@ protected:
     QTemporaryDir home;
     QString served = home.filePath(u"served.zip"_s);
     int status = 200;
-    bool systemWritable = false;
-    QString system = home.filePath(u"System Applications"_s);
 
     ZipAppInstaller::Context context() {
         ZipAppInstaller::Context context;
         context.home = home.path();
-        context.isWritable = [this](const QString& path) {
-            return path == system && systemWritable;
-        };
         context.download = [this](QUrl, QString destination, CancellationToken) -> Task<int> {
             QFile::remove(destination);
             QFile::copy(served, destination);
             return answer(status);
         };
-        context.systemApplications = system;
         return context;
     }
     static Task<int> answer(int status) { co_return status; }
@@ -133,24 +127,19 @@ TEST_F(ZipInstallerTest, ARefusedDownloadSpeaksWithItsBody) {
     EXPECT_EQ(downloads(), QStringList());
 }
 
-TEST_F(ZipInstallerTest, InstallsWhereItMayAndReplacesTheArchive) {
+TEST_F(ZipInstallerTest, InstallsIntoTheHomeFolderAndReplacesTheArchive) {
     serve(test::appDir(u"Lookout"_s, u"ai.velmora.lookout"_s));
     const auto first = install();
-    const QString fallback = home.filePath(u"Applications"_s);
-    EXPECT_EQ(first.application, fallback + u"/Lookout.app"_s);
-    EXPECT_EQ(first.notice,
-              u"Installed to "_s + fallback + u" because "_s + system + u" is not writable."_s);
+    const QString folder = home.filePath(u"Applications"_s);
+    EXPECT_EQ(first, (ZipAppInstaller::Installation{folder + u"/Lookout.app"_s, folder}));
     EXPECT_TRUE(QFileInfo(first.application + u"/AppRun"_s).isExecutable());
 
     // A second download of the row replaces the first archive.
     auto second = test::appDir(u"Lookout"_s, u"ai.velmora.lookout"_s);
     second.push_back({u"Lookout.app/second"_s, "2"});
     serve(second);
-    systemWritable = true;
-    QDir().mkpath(system);
-    const auto installed = install();
-    EXPECT_EQ(installed.application, system + u"/Lookout.app"_s);
-    EXPECT_EQ(installed.notice, std::nullopt);
+    EXPECT_EQ(install(), first);
+    EXPECT_TRUE(QFileInfo::exists(folder + u"/Lookout.app/second"_s));
     EXPECT_EQ(downloads(), QStringList{u"The Lookout.zip"_s});
     QFile archive(home.filePath(u"Downloads/The Lookout.zip"_s));
     QFile expected(served);

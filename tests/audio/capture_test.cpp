@@ -201,8 +201,8 @@ TEST(AudioCaptureFailures, AMissingServerOrDeviceFailsInWordsAndLeavesNothingRun
 
     PrivatePulse bare({});
     EXPECT_EQ(prepareFailure(bare.address(), &bare),
-              "No microphone input is available — select a microphone in System Settings → "
-              "Sound → Input and retry.");
+              "No microphone input is available — select a microphone as the input device in the "
+              "desktop's sound settings, then retry.");
 
     // The microphone comes up first; its stream must go with the failure.
     PrivatePulse microphoneOnly({"module-null-source source_name=mic"});

@@ -16,7 +16,7 @@ namespace {
 
 // Written out here, not taken from the program: the text is part of the interface.
 const QString usage = QStringLiteral(
-    "VelmoraTessel                        Open the menu-bar app\n"
+    "VelmoraTessel                        Open the tray app\n"
     "VelmoraTessel capture --base-url URL --token MEMBER_SESSION --title NAME --counterpart NAME "
     "--seconds 25 --project \"\"\n"
     "\n"
@@ -24,8 +24,8 @@ const QString usage = QStringLiteral(
     "first:\n"
     "Heads-up: I'm taking notes on this call with a recorder on my side; say so if you'd rather I "
     "didn't.\n"
-    "Use the signed .app executable so macOS can associate audio permissions with "
-    "ai.velmora.tessel.\n");
+    "capture records the sound server of the desktop session it runs in (PulseAudio or PipeWire): "
+    "run it in the session where the call plays.\n");
 const QString optionWords = QStringLiteral(
     "Unknown, repeated or incomplete capture option — use capture --help for the supported "
     "options.");

@@ -1,4 +1,5 @@
 // From a thrown failure to the sentence a person reads and the line the log keeps.
+#include "audio/CheckAudio.h"
 #include "errors/ErrorPresentation.h"
 #include "errors/Failures.h"
 #include "net/HTTPFailure.h"
@@ -24,21 +25,32 @@ std::exception_ptr own(const QString& message) {
     return thrown(TesselError(message));
 }
 
+// A sound server's refusal in the words the audio side gives it.
+std::exception_ptr soundServerStatus() {
+    try {
+        checkAudio(6, u"Connecting to the sound server"_s);
+    } catch (...) {
+        return std::current_exception();
+    }
+    return {};
+}
+
 TEST(ErrorPresentationTest, HumanLineComesFromTheFirstRowThatFits) {
     const std::pair<std::exception_ptr, QString> cases[] = {
         {thrown(URLError(1, u"Keychain refused"_s)), HTTPFailure::serverUnavailableLine},
         {thrown(AudioCaptureError::systemAudioStartFailed(u"PCM format odd."_s)),
-         u"System audio could not start — enable Velmora Tessel in System Settings → Privacy & "
-         u"Security → Screen & System Audio Recording, then quit and reopen the app."_s},
+         u"System audio could not start — check that PulseAudio or PipeWire is running and "
+         u"choose an output device in the desktop's sound settings, then start a new call."_s},
         {thrown(DecodingError(u"AAC"_s)),
          u"The server sent an unexpected response. Try again; details are below."_s},
         {own(u"Keychain refused the item (-25293)."_s),
-         u"Your saved sign-in could not be opened — unlock your login Keychain, allow Velmora "
-         u"Tessel access, and sign in again."_s},
+         u"Your saved sign-in could not be opened — unlock your login keyring (GNOME Keyring or "
+         u"KWallet), allow Velmora Tessel access, and sign in again."_s},
         {own(u"The keychain refused it."_s), u"The keychain refused it."_s},
         {own(u"Stored vses_abc was refused."_s),
          u"Sign-in could not finish. Choose Sign in to try again."_s},
         {own(u"The AAC encoder stopped. Start again."_s), audioLine},
+        {soundServerStatus(), audioLine},
         {thrown(std::runtime_error("PCM buffer short")), audioLine},
         {own(u"The server response is missing id — check the server version and retry."_s),
          u"The server sent an incomplete response. Try again; details are below."_s},

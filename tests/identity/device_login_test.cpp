@@ -1,5 +1,6 @@
 // Device sign-in against the local server over HTTPS, with time injected:
 // what the code and token answers may hold, and when the polls go out.
+#include "errors/ErrorLog.h"
 #include "identity/DeviceLogin.h"
 #include "identity/Endpoints.h"
 #include "net/HTTPFailure.h"
@@ -216,4 +217,23 @@ TEST_F(DeviceSignIn, DeclinedOrExpiredOnTheServer) {
         EXPECT_EQ(outcome(login().signIn(grant)).second, failure);
         EXPECT_EQ(server.requests("device_token"), 1);
     }
+}
+
+// "Not approved yet" is the normal wait: nothing is logged for it. A refusal
+// still is.
+TEST_F(DeviceSignIn, PendingPollsLogNothing) {
+    std::vector<QString> logged;
+    const log::ScopedSink sink(
+        [&](log::Level, const char*, const QString& text) { logged.push_back(text); });
+    DeviceGrant grant = wait(login().requestCode());
+    grant.expiresIn = 12;
+    server.resetLog();
+    EXPECT_EQ(outcome(login().signIn(grant)).second, codeExpired);
+    EXPECT_EQ(server.requests("device_token"), 2);
+    EXPECT_EQ(logged, std::vector<QString>());
+
+    server.script("device_token", 1, 400, R"({"error": "invalid_grant"})");
+    outcome(login().pollOnce(grant));
+    ASSERT_EQ(logged.size(), 1u);
+    EXPECT_TRUE(logged[0].contains("invalid_grant")) << logged[0].toStdString();
 }

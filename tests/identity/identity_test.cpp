@@ -4,6 +4,7 @@
 #include "identity/OrgStore.h"
 #include "support/Files.h"
 
+#include <QDir>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
@@ -150,6 +151,36 @@ TEST(UserDefaults, WrittenByAnotherProcess) {
     const OrgStore store(defaults, "https://velmora.ai/meet", {}, "velmora.ai");
     EXPECT_EQ(store.current().host, "acme.example");
     EXPECT_EQ(defaults->string("meetBaseURL"), "https://acme.example/meet");
+}
+
+// One settings file for the program. The organisation selection that an
+// earlier version kept in VelmoraTessel.ini comes over once and that file goes;
+// what the .conf already held (the feed's state) wins and stays.
+TEST(UserDefaults, TheProgramKeepsOneFileAndAdoptsTheEarlierOne) {
+    QTemporaryDir config;
+    const QString folder = config.filePath("Velmora");
+    ASSERT_TRUE(QDir().mkpath(folder));
+    test::writeFile(folder + "/VelmoraTessel.ini", "[General]\ncurrentOrgHost=acme.example\n"
+                                                   "meetBaseURL=https://acme.example/meet\n"
+                                                   "notifyBaseURL=https://old.example\n");
+    test::writeFile(folder + "/VelmoraTessel.conf",
+                    "[General]\nnotifyShownIDs=n1, n2\nnotifyBaseURL=https://notify.example\n");
+    QProcess writer;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("XDG_CONFIG_HOME", config.path());
+    writer.setProcessEnvironment(environment);
+    writer.start(TESSEL_DEFAULTS_WRITER, {"--program"});
+    ASSERT_TRUE(writer.waitForFinished(30000));
+    ASSERT_EQ(writer.exitCode(), 0);
+
+    EXPECT_EQ(QDir(folder).entryList(QDir::Files | QDir::Hidden),
+              QStringList{"VelmoraTessel.conf"});
+    const SettingsDefaults kept(folder + "/VelmoraTessel.conf");
+    EXPECT_EQ(kept.string("currentOrgHost"), "acme.example");
+    EXPECT_EQ(kept.string("meetBaseURL"), "https://acme.example/meet");
+    EXPECT_EQ(kept.stringList("notifyShownIDs"), QStringList({"n1", "n2"}));
+    EXPECT_EQ(kept.string("notifyBaseURL"), "https://notify.example");
+    EXPECT_EQ(kept.boolean("desktopNotifications"), false);
 }
 
 TEST(Endpoints, FileOverridesAndMistakes) {

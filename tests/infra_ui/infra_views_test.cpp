@@ -118,7 +118,7 @@ TEST_F(InfraViewsTest, TheRowsFollowTheOrganisation) {
     ASSERT_TRUE(waitUntil([&] { return shown<QToolButton>(&view, u"Restart conductor"_s); }));
     EXPECT_FALSE(shown<QPushButton>(&view, u"setUpConductor"_s));
 
-    shown<QToolButton>(&view, u"Open tunnel log in Console"_s)->click();
+    shown<QToolButton>(&view, u"Open tunnel log"_s)->click();
     EXPECT_EQ(opened.back(),
               QUrl::fromLocalFile(QDir::homePath() +
                                   u"/.local/state/velmora-conductor/acme-tunnel.log"_s));

@@ -18,6 +18,7 @@
 #include "support/HelpersRig.h"
 #include "support/Wait.h"
 
+#include <QAccessible>
 #include <QApplication>
 #include <QCheckBox>
 #include <QFile>
@@ -228,6 +229,25 @@ TEST_F(WindowsTest, ClosingLoginEndsThePolling) {
     wait(sleepFor(0.5));
     EXPECT_EQ(server.requests("device_token"), polls);
     EXPECT_FALSE(model->signingIn());
+}
+
+// Text that assistive technology sets counts as much as typed text, and the
+// model's own writes to the field do not echo back to it.
+TEST_F(WindowsTest, LoginFollowsEveryTextChange) {
+    LoginWindow window(*model, [](const QUrl&) {});
+    window.show();
+    auto* field = window.findChild<QLineEdit*>();
+    QAccessibleInterface* access = QAccessible::queryAccessibleInterface(field);
+    ASSERT_TRUE(access);
+    access->setText(QAccessible::Value, "https://beta.velmora.test/meet");
+    EXPECT_EQ(model->loginURL(), "https://beta.velmora.test/meet");
+
+    int changes = 0;
+    QObject::connect(model.get(), &AppModel::changed, [&] { ++changes; });
+    model->setLoginURL("https://alpha.velmora.test/meet");
+    wait(sleepFor(0.2));
+    EXPECT_EQ(field->text(), "https://alpha.velmora.test/meet");
+    EXPECT_EQ(changes, 1);
 }
 
 // During a call the clock moves in the headline it was built with, so the
