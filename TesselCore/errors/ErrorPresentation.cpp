@@ -54,7 +54,7 @@ QString humanLineFor(const std::exception& error, const QString& text) {
     if (dynamic_cast<const DecodingError*>(&error)) {
         return u"The server sent an unexpected response. Try again; details are below."_s;
     }
-    if (text.contains(u"Keychain refused"_s)) {
+    if (text.contains(u"keyring refused"_s)) {
         return u"Your saved sign-in could not be opened — unlock your login keyring (GNOME "
                u"Keyring or KWallet), allow Velmora Tessel access, and sign in again."_s;
     }

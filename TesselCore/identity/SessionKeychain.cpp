@@ -42,7 +42,7 @@ using Kind = SecureStoreRefusal::Kind;
 
 // The store's own words go after the sentence, so they reach the detail line.
 [[noreturn]] void refuse(const SecureStoreRefusal& refusal) {
-    throw TesselError(u"Keychain refused the session (%1) — unlock your login keyring and "
+    throw TesselError(u"The keyring refused the session (%1) — unlock your login keyring and "
                       u"allow Velmora Tessel access, then sign in again. · %2"_s.arg(
                           QString::number(refusal.code), refusal.message));
 }
@@ -127,7 +127,7 @@ QStringList SessionKeychain::hosts() const {
         hosts = store_->accounts();
     } catch (const SecureStoreRefusal& refusal) {
         if (refusal.kind != Kind::noService) {
-            throw TesselError(u"Keychain refused the organisation list (%1). · %2"_s.arg(
+            throw TesselError(u"The keyring refused the organisation list (%1). · %2"_s.arg(
                 QString::number(refusal.code), refusal.message));
         }
     }

@@ -27,7 +27,7 @@ public:
     // None when there is no item or the session has ended (the item stays, and
     // `hosts` still lists it), and when no keyring service runs and this run
     // holds none. A locked or refusing store gives the session this run read
-    // or saved last; without one it throws TesselError "Keychain refused the
+    // or saved last; without one it throws TesselError "The keyring refused the
     // session (…) …"; an unreadable item DecodingError.
     std::optional<MemberSession> load(const QString& orgHost) const;
     // What a request needs at each call: the session as `load` gives it, but

@@ -37,13 +37,13 @@ std::exception_ptr soundServerStatus() {
 
 TEST(ErrorPresentationTest, HumanLineComesFromTheFirstRowThatFits) {
     const std::pair<std::exception_ptr, QString> cases[] = {
-        {thrown(URLError(1, u"Keychain refused"_s)), HTTPFailure::serverUnavailableLine},
+        {thrown(URLError(1, u"The keyring refused"_s)), HTTPFailure::serverUnavailableLine},
         {thrown(AudioCaptureError::systemAudioStartFailed(u"PCM format odd."_s)),
          u"System audio could not start — check that PulseAudio or PipeWire is running and "
          u"choose an output device in the desktop's sound settings, then start a new call."_s},
         {thrown(DecodingError(u"AAC"_s)),
          u"The server sent an unexpected response. Try again; details are below."_s},
-        {own(u"Keychain refused the item (-25293)."_s),
+        {own(u"The keyring refused the item (-25293)."_s),
          u"Your saved sign-in could not be opened — unlock your login keyring (GNOME Keyring or "
          u"KWallet), allow Velmora Tessel access, and sign in again."_s},
         {own(u"The keychain refused it."_s), u"The keychain refused it."_s},

@@ -74,7 +74,7 @@ TEST(SessionKeychain, ALockedOrRefusingKeyringServesTheSessionAlreadyRead) {
         keychain.current("acme.test");
         FAIL() << "a refusal with nothing read must not read as signed out";
     } catch (const TesselError& refused) {
-        EXPECT_TRUE(refused.message().contains("Keychain refused the session"))
+        EXPECT_TRUE(refused.message().contains("The keyring refused the session"))
             << refused.message().toStdString();
     }
 

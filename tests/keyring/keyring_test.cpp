@@ -102,7 +102,7 @@ protected:
         } catch (const TesselError& error) {
             message = error.message();
         }
-        EXPECT_TRUE(message.startsWith(u"Keychain refused the session (%1) — unlock your login "
+        EXPECT_TRUE(message.startsWith(u"The keyring refused the session (%1) — unlock your login "
                                        u"keyring and allow Velmora Tessel access, then sign in "
                                        u"again. · "_s.arg(code)))
             << message.toStdString();
