@@ -19,10 +19,11 @@ class Feed(DesktopTest):
     def test_rows_one_poll_apart_each_become_a_banner_and_the_program_ends_cleanly(self):
         d = self.desktop
         d.save_session()
-        # Not the first run on this machine: the feed has shown something before.
-        settings = d.dir / 'config' / 'Velmora' / 'VelmoraTessel.conf'
-        settings.parent.mkdir(parents=True)
-        settings.write_text('[General]\nnotifyShownIDs=earlier\n')
+        # Not the first run on this machine: the feed has shown something before,
+        # written down in the settings file of an earlier version.
+        earlier = d.dir / 'config' / 'Velmora' / 'VelmoraTessel.ini'
+        earlier.parent.mkdir(parents=True)
+        earlier.write_text('[General]\nnotifyShownIDs=earlier\n')
         self.add_row('r1')
         d.start_app()
 
@@ -32,6 +33,7 @@ class Feed(DesktopTest):
             if row_id:
                 self.add_row(row_id)
         self.assertEqual([n['summary'] for n in d.notifications()], ['Row r1', 'Row r2', 'Row r3'])
+        self.assertEqual(sorted(p.name for p in earlier.parent.iterdir()), ['VelmoraTessel.conf'])
 
         # A click on the second banner opens its row and marks it read.
         second = d.notifications()[1]['id']
