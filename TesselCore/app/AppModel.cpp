@@ -85,14 +85,14 @@ bool AppModel::canStartCapture() const {
 
 void AppModel::setLoginURL(const QString& url) {
     loginURL_ = url;
-    emit changed();
+    emit organisationChanged();
 }
 
-void AppModel::setError(std::optional<QString> error) {
+void AppModel::setError(std::optional<QString> error, std::optional<QString> details) {
     error_ = std::move(error);
-    errorDetails_.reset();
+    errorDetails_ = std::move(details);
     permissionError_.reset();
-    emit changed();
+    emit errorChanged();
 }
 
 void AppModel::setCapture(std::shared_ptr<CaptureSession> capture) {
@@ -100,12 +100,9 @@ void AppModel::setCapture(std::shared_ptr<CaptureSession> capture) {
         disconnect(capture_.get(), nullptr, this, nullptr);
     }
     capture_ = std::move(capture);
-    if (capture_) {
-        connect(capture_.get(), &CaptureSession::changed, this, &AppModel::changed);
-    }
     // The one link between a call and the update machinery.
     updates_->setCaptureIsHeld(capture_ != nullptr);
-    emit changed();
+    emit captureChanged();
 }
 
 void AppModel::configureTokenProvider() {
@@ -133,7 +130,7 @@ void AppModel::refreshOrgs() {
         }
         present(std::current_exception());
     }
-    emit changed();
+    emit organisationChanged();
 }
 
 void AppModel::changeOrganisation() {
@@ -144,13 +141,14 @@ void AppModel::changeOrganisation() {
     openCalls_.clear();
     pendingOpenCallStop_.reset();
     member_.reset();
-    emit changed();
+    emit organisationChanged();
+    emit openCallsChanged();
     try {
         member_ = keychain_.load(org());
     } catch (...) {
         present(std::current_exception());
     }
-    emit changed();
+    emit memberChanged();
 }
 
 void AppModel::selectOrg(const QString& host) {
@@ -164,6 +162,7 @@ void AppModel::selectOrg(const QString& host) {
             setError(std::nullopt);
             changeOrganisation();
             savedCallID_.reset();
+            emit captureChanged();
         });
     } catch (...) {
         present(std::current_exception());
@@ -203,7 +202,7 @@ void AppModel::signIn(std::function<void()> onSuccess) {
         return;
     }
     signingIn_ = true;
-    emit changed();
+    emit signInChanged();
     // The session is stored under this host, whatever the selection is by then.
     const QString host = org();
     QPointer<AppModel> self(this);
@@ -225,7 +224,7 @@ Task<void> AppModel::runSignIn(QPointer<AppModel> self, QString host,
             co_return;
         }
         self->grant_ = grant;
-        emit self->changed();
+        emit self->signInChanged();
         self->open(grant.verificationURL);
         const MemberSession session = co_await login.signIn(grant, token);
         if (!self) {
@@ -238,7 +237,8 @@ Task<void> AppModel::runSignIn(QPointer<AppModel> self, QString host,
         self->grant_.reset();
         self->services_.defaults->set(meetBaseURLKey, self->baseURL_);
         self->signingIn_ = false;
-        emit self->changed();
+        emit self->memberChanged();
+        emit self->signInChanged();
         if (onSuccess) {
             onSuccess();
         }
@@ -259,13 +259,12 @@ Task<void> AppModel::runSignIn(QPointer<AppModel> self, QString host,
             } catch (const std::exception& error) {
                 lines = ErrorPresentation::signInFailure(error, client.latestFailure());
             }
-            self->setError(lines.humanLine);
-            self->errorDetails_ = lines.detailLine;
+            self->setError(lines.humanLine, lines.detailLine);
             logLines(lines);
         }
         self->grant_.reset();
         self->signingIn_ = false;
-        emit self->changed();
+        emit self->signInChanged();
     }
 }
 
@@ -313,7 +312,7 @@ void AppModel::cancelSignIn() {
         loginTask_->cancel();
     }
     grant_.reset();
-    emit changed();
+    emit signInChanged();
 }
 
 void AppModel::signOut() {
@@ -330,7 +329,8 @@ void AppModel::signOut() {
     sessionNotKept_ = false;
     openCalls_.clear();
     pendingOpenCallStop_.reset();
-    emit changed();
+    emit memberChanged();
+    emit openCallsChanged();
 }
 
 Task<void> AppModel::resumeAfterSignIn() {
@@ -385,7 +385,7 @@ Task<bool> AppModel::start(QString title, QString counterpart, QString project, 
     }
     savedCallID_.reset();
     startingCapture_ = true;
-    emit changed();
+    emit captureChanged();
 
     std::shared_ptr<CaptureSession> capture;
     std::exception_ptr failure;
@@ -402,7 +402,7 @@ Task<bool> AppModel::start(QString title, QString counterpart, QString project, 
     }
     if (!failure) {
         startingCapture_ = false;
-        emit changed();
+        emit captureChanged();
         co_return true;
     }
     presentCaptureFailure(failure);
@@ -411,6 +411,7 @@ Task<bool> AppModel::start(QString title, QString counterpart, QString project, 
     } else {
         permissionError_.reset();
     }
+    emit errorChanged();
     // A start that reached the server stays to be stopped; one that only lost
     // its sign-in stays to be resumed; anything else leaves nothing behind.
     if (capture_ && capture_ == capture && !capture->meetingID() &&
@@ -418,7 +419,7 @@ Task<bool> AppModel::start(QString title, QString counterpart, QString project, 
         setCapture(nullptr);
     }
     startingCapture_ = false;
-    emit changed();
+    emit captureChanged();
     co_return false;
 }
 
@@ -431,11 +432,9 @@ void AppModel::presentCaptureFailure(const std::exception_ptr& error) {
     if (capture_ && capture_->error()) {
         const QString human = *capture_->error();
         const QString details = capture_->errorDetails().value_or(linesOf(error).detailLine);
-        setError(human);
-        errorDetails_ = details;
+        setError(human, details);
         log::error(human);
         log::error(details);
-        emit changed();
         return;
     }
     present(error);
@@ -456,7 +455,7 @@ void AppModel::present(const std::exception_ptr& error) {
     } else {
         permissionError_.reset();
     }
-    emit changed();
+    emit errorChanged();
 }
 
 Task<void> AppModel::stop(bool openBrowser) {
@@ -492,6 +491,7 @@ void AppModel::finishCapture() {
     savedCallID_ = capture_->meetingID();
     std::erase_if(openCalls_, [&](const OpenCall& call) { return call.id == savedCallID_; });
     setCapture(nullptr);
+    emit openCallsChanged();
 }
 
 void AppModel::clearCapture() {
@@ -505,7 +505,7 @@ Task<void> AppModel::refreshOpenCalls() {
     }
     QPointer<AppModel> self(this);
     loadingOpenCalls_ = true;
-    emit changed();
+    emit openCallsChanged();
     const QString noted = baseURL_;
     std::exception_ptr failure;
     std::vector<OpenCall> calls;
@@ -538,8 +538,7 @@ Task<void> AppModel::refreshOpenCalls() {
         } catch (const std::exception& error) {
             lines = OpenCall::refreshFailure(error, diagnostic);
         }
-        setError(lines.humanLine);
-        errorDetails_ = lines.detailLine;
+        setError(lines.humanLine, lines.detailLine);
         // The HTTP client has written the line of every refusal and transport
         // failure it saw; only what failed beyond it is logged here.
         if (!failureAs<HTTPFailure>(failure) && !failureAs<URLError>(failure)) {
@@ -548,7 +547,7 @@ Task<void> AppModel::refreshOpenCalls() {
         openCallsErrorDetails_ = errorDetails_;
     }
     loadingOpenCalls_ = false;
-    emit changed();
+    emit openCallsChanged();
 }
 
 Task<void> AppModel::stopOpenCall(QString id, bool openBrowser) {
@@ -557,6 +556,7 @@ Task<void> AppModel::stopOpenCall(QString id, bool openBrowser) {
     }
     QPointer<AppModel> self(this);
     stoppingOpenCall_ = id;
+    emit openCallsChanged();
     setError(std::nullopt);
     std::exception_ptr failure;
     try {
@@ -575,6 +575,7 @@ Task<void> AppModel::stopOpenCall(QString id, bool openBrowser) {
             openLobby();
         } else {
             savedCallID_ = id;
+            emit captureChanged();
         }
     } else {
         const auto* http = failureAs<HTTPFailure>(failure);
@@ -593,7 +594,7 @@ Task<void> AppModel::stopOpenCall(QString id, bool openBrowser) {
         }
     }
     stoppingOpenCall_.reset();
-    emit changed();
+    emit openCallsChanged();
 }
 
 QUrl AppModel::meetURL(const QString& component) const {

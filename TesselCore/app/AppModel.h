@@ -53,7 +53,8 @@ public:
     AppModel(Services services, bool startingServices, QObject* parent = nullptr);
     ~AppModel() override;
 
-    // Observable: `changed` tells the views.
+    // Observable, each group through its own signal below, so that a view
+    // updates what it shows of that group alone.
     const QString& baseURL() const { return baseURL_; }
     const std::vector<Org>& knownOrgs() const { return knownOrgs_; }
     const QString& loginURL() const { return loginURL_; }
@@ -118,10 +119,22 @@ public:
     void present(const std::exception_ptr& error);
 
 signals:
-    void changed();
+    // baseURL, knownOrgs, loginURL.
+    void organisationChanged();
+    // member, sessionNotKept.
+    void memberChanged();
+    // grant, signingIn.
+    void signInChanged();
+    // capture (which session is held), startingCapture, savedCallID. The held
+    // session tells its own changes through CaptureSession::changed.
+    void captureChanged();
+    // openCalls, loadingOpenCalls, stoppingOpenCall.
+    void openCallsChanged();
+    // error, errorDetails, permissionError.
+    void errorChanged();
 
 private:
-    void setError(std::optional<QString> error);
+    void setError(std::optional<QString> error, std::optional<QString> details = std::nullopt);
     void setCapture(std::shared_ptr<CaptureSession> capture);
     void configureTokenProvider();
     void presentCaptureFailure(const std::exception_ptr& error);

@@ -55,10 +55,28 @@ CallWindow::CallWindow(AppModel& model, std::function<void(const QString&)> open
     layout->addWidget(textLine(
         QStringLiteral("Records everything this computer plays and your microphone."), this, true));
 
-    auto* statusBox = new QWidget(this);
-    statusRows_ = new QVBoxLayout(statusBox);
-    statusRows_->setContentsMargins(0, 0, 0, 0);
-    layout->addWidget(statusBox);
+    // Built once and shown as the model says, so a focused button stays put.
+    preparing_ = new QWidget(this);
+    auto* preparing = new QVBoxLayout(preparing_);
+    preparing->setContentsMargins(0, 0, 0, 0);
+    preparing->addWidget(
+        textLine(QStringLiteral("Preparing audio permissions and starting the call…"), preparing_));
+    auto* busy = new QProgressBar(preparing_);
+    busy->setRange(0, 0);
+    busy->setTextVisible(false);
+    busy->setMaximumHeight(6);
+    busy->setAccessibleName(QStringLiteral("Preparing audio permissions and starting the call…"));
+    preparing->addWidget(busy);
+    layout->addWidget(preparing_);
+    layout->addWidget(new ModelErrorView(model, {}, this));
+    signIn_ =
+        button(QStringLiteral("Sign in…"), this, [this] { openWindow_(QStringLiteral("login")); });
+    layout->addWidget(signIn_, 0, Qt::AlignLeft);
+    capture_ = new CaptureStatusView(false,
+                                     CaptureActions::of(
+                                         model, [] {}, openWindow_),
+                                     this);
+    layout->addWidget(capture_);
 
     auto* row = new QHBoxLayout;
     cancel_ = button(QStringLiteral("Cancel"), this, [this] { close(); });
@@ -91,8 +109,12 @@ CallWindow::CallWindow(AppModel& model, std::function<void(const QString&)> open
 
     connect(new QShortcut(QKeySequence(Qt::Key_Escape), this), &QShortcut::activated, this,
             &QWidget::close);
-    connect(&model, &AppModel::changed, this, &CallWindow::refresh, Qt::QueuedConnection);
+    for (auto signal :
+         {&AppModel::captureChanged, &AppModel::memberChanged, &AppModel::openCallsChanged}) {
+        connect(&model, signal, this, &CallWindow::refresh);
+    }
     refresh();
+    keepContentHeight(this);
 }
 
 bool CallWindow::canStart() const {
@@ -107,37 +129,10 @@ void CallWindow::refresh() {
     AppModel& model = *model_;
     start_->setEnabled(canStart());
     cancel_->setEnabled(!model.startingCapture());
-
-    delete status_;
-    status_ = new QWidget(this);
-    auto* rows = new QVBoxLayout(status_);
-    rows->setContentsMargins(0, 0, 0, 0);
-    if (model.startingCapture()) {
-        rows->addWidget(textLine(
-            QStringLiteral("Preparing audio permissions and starting the call…"), status_));
-        auto* busy = new QProgressBar(status_);
-        busy->setRange(0, 0);
-        busy->setTextVisible(false);
-        busy->setMaximumHeight(6);
-        rows->addWidget(busy);
-    }
-    if (QWidget* error = modelErrorView(
-            model, [] {}, status_)) {
-        rows->addWidget(error);
-    }
-    if (!model.member() || model.member()->expiresAt <= QDateTime::currentDateTimeUtc()) {
-        rows->addWidget(button(QStringLiteral("Sign in…"), status_,
-                               [this] { openWindow_(QStringLiteral("login")); }));
-    }
-    if (model.capture() && !model.startingCapture()) {
-        QWidget* capture = captureStatusView(CaptureSnapshot::of(*model.capture()), false,
-                                             CaptureActions::of(
-                                                 model, [] {}, openWindow_),
-                                             status_);
-        followClock(capture, *model.capture());
-        rows->addWidget(capture);
-    }
-    statusRows_->addWidget(status_);
+    preparing_->setVisible(model.startingCapture());
+    signIn_->setVisible(!model.member() ||
+                        model.member()->expiresAt <= QDateTime::currentDateTimeUtc());
+    capture_->setSession(model.startingCapture() ? nullptr : model.capture());
 }
 
 void CallWindow::hideEvent(QHideEvent* event) {

@@ -15,6 +15,10 @@
 class QVBoxLayout;
 
 namespace tessel::app {
+class CaptureStatusView;
+}
+
+namespace tessel::app {
 
 class CallWindow : public QWidget {
     Q_OBJECT
@@ -41,8 +45,9 @@ private:
     QCheckBox* ack_;
     QPushButton* cancel_;
     QPushButton* start_;
-    QWidget* status_ = nullptr;
-    QVBoxLayout* statusRows_;
+    QWidget* preparing_ = nullptr;
+    QPushButton* signIn_ = nullptr;
+    CaptureStatusView* capture_ = nullptr;
 };
 
 } // namespace tessel::app

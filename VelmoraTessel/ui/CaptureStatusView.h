@@ -1,17 +1,23 @@
 // What a capture shows, in the popover and in the "call" window alike: its
 // state in words, the elapsed time, the two sources, the uploads, its error
-// and its buttons. Built from a snapshot of the session, so that every state
+// and its buttons. Shown from a snapshot of the session, so that every state
 // can be looked at without running one.
 #pragma once
 
 #include "app/AppModel.h"
 
+#include <QPointer>
 #include <QWidget>
 
 #include <functional>
 #include <optional>
 
+class QLabel;
+class QToolButton;
+
 namespace tessel::app {
+
+class ErrorNotice;
 
 struct CaptureSnapshot {
     CaptureState state = CaptureState::idle;
@@ -43,12 +49,39 @@ struct CaptureActions {
 // "M:SS" of elapsed seconds; minutes are not capped and there is no hour.
 QString elapsedText(double elapsed);
 
-// Stop opens the browser afterwards only outside the popover.
-QWidget* captureStatusView(const CaptureSnapshot& capture, bool inPopover,
-                           const CaptureActions& actions, QWidget* parent);
+// Built once; it follows the session it is given, changing its words and
+// buttons in place, so the focus on Stop stays through every upload. Stop
+// opens the browser afterwards only outside the popover.
+class CaptureStatusView : public QWidget {
+    Q_OBJECT
 
-// Keeps the headline of a view built by captureStatusView showing the
-// session's elapsed time, in place, for as long as the view lives.
-void followClock(QWidget* view, CaptureSession& session);
+public:
+    CaptureStatusView(bool inPopover, CaptureActions actions, QWidget* parent = nullptr);
+
+    // The session shown, followed until another is given; none hides the view.
+    void setSession(CaptureSession* session);
+    // What a snapshot of a session shows.
+    void showSnapshot(const CaptureSnapshot& capture);
+
+private:
+    void followSession();
+
+    bool inPopover_;
+    CaptureActions actions_;
+    QPointer<CaptureSession> session_;
+    QLabel* preparing_ = nullptr;
+    QLabel* finished_ = nullptr;
+    QToolButton* another_ = nullptr;
+    ErrorNotice* signInNotice_ = nullptr;
+    QToolButton* signIn_ = nullptr;
+    QLabel* headline_ = nullptr;
+    QLabel* health_ = nullptr;
+    QLabel* uploads_ = nullptr;
+    QLabel* silent_ = nullptr;
+    ErrorNotice* error_ = nullptr;
+    QToolButton* stop_ = nullptr;
+    QToolButton* back_ = nullptr;
+    QToolButton* notes_ = nullptr;
+};
 
 } // namespace tessel::app

@@ -13,70 +13,65 @@ namespace tessel::app {
 
 HelpersStateStrip::HelpersStateStrip(HelpersModel* model, QWidget* parent)
     : QWidget(parent), model_(model) {
-    row_ = new QHBoxLayout(this);
-    row_->setContentsMargins(0, 0, 0, 0);
-    if (model_) {
-        connect(model_, &HelpersModel::changed, this, &HelpersStateStrip::rebuild);
-    }
-    rebuild();
-}
-
-void HelpersStateStrip::rebuild() {
-    // Later, not now: the change may come from a click on one of these.
-    while (QLayoutItem* item = row_->takeAt(0)) {
-        if (QWidget* widget = item->widget()) {
-            widget->hide();
-            widget->deleteLater();
-        }
-        delete item;
-    }
-    // Shown at once, not at the layout's next turn, so the strip never stands empty.
-    const auto add = [this](QWidget* widget, int stretch = 0) {
-        row_->addWidget(widget, stretch);
-        widget->show();
-    };
-    const auto caption = [this, add](const QString& text) {
-        auto* label = new QLabel(text, this);
-        QFont font = label->font();
-        font.setPointSizeF(font.pointSizeF() * 0.85);
-        label->setFont(font);
-        label->setWordWrap(true);
-        label->setStyleSheet(u"color: #d0342c;"_s);
-        add(label, 1);
-    };
+    auto* row = new QHBoxLayout(this);
+    row->setContentsMargins(0, 0, 0, 0);
+    line_ = new QLabel(this);
+    QFont font = line_->font();
+    font.setPointSizeF(font.pointSizeF() * 0.85);
+    line_->setFont(font);
+    line_->setWordWrap(true);
+    line_->setStyleSheet(u"color: #d0342c;"_s);
+    row->addWidget(line_, 1);
+    bar_ = new QProgressBar(this);
+    bar_->setRange(0, 0);
+    bar_->setMaximumWidth(60);
+    row->addWidget(bar_);
+    installing_ = new QLabel(u"Installing helpers…"_s, this);
+    row->addWidget(installing_, 1);
     // The click runs the model's operation; a click while it is busy is
     // ignored by the model itself.
-    const auto action = [this, add](const QString& text, Task<void> (HelpersModel::*operation)()) {
-        auto* button = new QPushButton(text, this);
-        button->setAccessibleName(text);
-        connect(button, &QPushButton::clicked, this, [model = model_, operation] {
-            spawn([model, operation]() -> Task<void> {
-                if (model) {
-                    co_await (model.data()->*operation)();
-                }
-            });
+    action_ = new QPushButton(this);
+    connect(action_, &QPushButton::clicked, this, [this] {
+        if (!model_) {
+            return;
+        }
+        const bool retry = model_->error().has_value();
+        spawn([model = model_, retry]() -> Task<void> {
+            if (!model) {
+                co_return;
+            }
+            if (retry) {
+                co_await model->installIfNeeded();
+            } else {
+                co_await model->installPython();
+            }
         });
-        add(button);
-    };
+    });
+    row->addWidget(action_);
+    if (model_) {
+        connect(model_, &HelpersModel::changed, this, &HelpersStateStrip::update);
+    }
+    update();
+}
 
+void HelpersStateStrip::update() {
     const bool shown = model_ && (model_->error() || model_->pythonMissing() || model_->busy());
     setVisible(shown);
     if (!shown) {
         return;
     }
-    if (model_->error()) {
-        caption(*model_->error());
-        action(u"Retry"_s, &HelpersModel::installIfNeeded);
-    } else if (model_->pythonMissing()) {
-        caption(HelpersModel::pythonMissingLine);
-        action(u"Install…"_s, &HelpersModel::installPython);
-    } else {
-        auto* bar = new QProgressBar(this);
-        bar->setRange(0, 0);
-        bar->setMaximumWidth(60);
-        add(bar);
-        add(new QLabel(u"Installing helpers…"_s, this), 1);
-    }
+    const bool failed = model_->error().has_value();
+    const bool python = !failed && model_->pythonMissing();
+    line_->setVisible(failed || python);
+    line_->setText(failed   ? *model_->error()
+                   : python ? HelpersModel::pythonMissingLine
+                            : QString());
+    const QString action = failed ? u"Retry"_s : u"Install…"_s;
+    action_->setText(action);
+    action_->setAccessibleName(action);
+    action_->setVisible(failed || python);
+    bar_->setVisible(!failed && !python);
+    installing_->setVisible(!failed && !python);
 }
 
 } // namespace tessel::app

@@ -1,5 +1,6 @@
 // The helper tools' state under the infrastructure rows: a failure with Retry,
-// a missing Python with Install…, a bar while installing, else nothing.
+// a missing Python with Install…, a bar while installing, else nothing. Built
+// once and changed in place.
 #pragma once
 
 #include "tools/HelpersModel.h"
@@ -7,7 +8,9 @@
 #include <QPointer>
 #include <QWidget>
 
-class QHBoxLayout;
+class QLabel;
+class QProgressBar;
+class QPushButton;
 
 namespace tessel::app {
 
@@ -18,10 +21,13 @@ public:
     explicit HelpersStateStrip(HelpersModel* model, QWidget* parent = nullptr);
 
 private:
-    void rebuild();
+    void update();
 
     QPointer<HelpersModel> model_;
-    QHBoxLayout* row_ = nullptr;
+    QLabel* line_ = nullptr;
+    QPushButton* action_ = nullptr;
+    QProgressBar* bar_ = nullptr;
+    QLabel* installing_ = nullptr;
 };
 
 } // namespace tessel::app

@@ -1,18 +1,21 @@
 // The menu's block for the local infrastructure of one organisation: conductor,
 // tunnel and agent supervisor with their state dots, and the buttons that open,
-// restart or set up a conductor.
+// restart or set up a conductor. Its rows are built once and follow the model
+// in place, so a button keeps its focus through a refresh.
 #pragma once
 
 #include "infra/InfraModel.h"
-#include "ui/RebuildLater.h"
 
 #include <QPointer>
 #include <QUrl>
 #include <QWidget>
 
 #include <functional>
+#include <optional>
 
-class QVBoxLayout;
+class QLabel;
+class QPushButton;
+class QToolButton;
 
 namespace tessel::app {
 
@@ -34,17 +37,32 @@ public:
     void setOrg(const QString& host, const QString& name);
 
 private:
-    void scheduleRebuild();
-    void rebuild();
-    void addRows(QVBoxLayout* column, const InfraStatus& status);
+    struct Dot;
+    void update();
     void leaveTo(const QUrl& url);
 
     QPointer<InfraModel> model_;
     Actions actions_;
     QString host_;
     QString name_;
-    QWidget* body_ = nullptr;
-    RebuildLater rebuildLater_{this, [this] { rebuild(); }};
+    std::optional<InfraStatus::Organisation> row_; // the organisation's row of the last report
+    QLabel* heading_ = nullptr;
+    QLabel* notInstalled_ = nullptr;
+    QLabel* reading_ = nullptr;
+    QWidget* rows_ = nullptr;
+    Dot* conductorDot_ = nullptr;
+    QLabel* conductor_ = nullptr;
+    QToolButton* open_ = nullptr;
+    QToolButton* restart_ = nullptr;
+    QPushButton* setup_ = nullptr;
+    Dot* tunnelDot_ = nullptr;
+    QLabel* tunnel_ = nullptr;
+    QToolButton* log_ = nullptr;
+    Dot* supervisorDot_ = nullptr;
+    QLabel* supervisor_ = nullptr;
+    QPushButton* supervisorSetup_ = nullptr;
+    QLabel* supervisorLine_ = nullptr;
+    QLabel* error_ = nullptr;
 };
 
 } // namespace tessel::app

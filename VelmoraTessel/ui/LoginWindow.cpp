@@ -25,6 +25,7 @@ LoginWindow::LoginWindow(AppModel& model, OpenURL openURL, QWidget* parent)
 
     address_ = new QLineEdit(this);
     address_->setPlaceholderText(QStringLiteral("Organisation meet URL"));
+    address_->setAccessibleName(address_->placeholderText());
     // Every change counts, typed or set by assistive technology; the model's
     // own text coming back through refresh() is not sent to it again.
     connect(address_, &QLineEdit::textChanged, this, [this](const QString& text) {
@@ -34,10 +35,32 @@ LoginWindow::LoginWindow(AppModel& model, OpenURL openURL, QWidget* parent)
     });
     layout->addWidget(address_);
 
-    auto* statusBox = new QWidget(this);
-    statusRows_ = new QVBoxLayout(statusBox);
-    statusRows_->setContentsMargins(0, 0, 0, 0);
-    layout->addWidget(statusBox);
+    // The code of a running sign-in, built once and shown while there is one.
+    grant_ = new QWidget(this);
+    auto* grant = new QVBoxLayout(grant_);
+    grant->setContentsMargins(0, 0, 0, 0);
+    enterAt_ = textLine(QString(), grant_);
+    grant->addWidget(enterAt_);
+    code_ = textLine(QString(), grant_);
+    code_->setStyleSheet(
+        QStringLiteral("font-family: monospace; font-size: 24pt; font-weight: bold;"));
+    grant->addWidget(code_);
+    auto* buttons = new QHBoxLayout;
+    buttons->addWidget(button(QStringLiteral("Copy code"), grant_, [this] {
+        if (model_ && model_->grant()) {
+            QApplication::clipboard()->setText(model_->grant()->userCode);
+        }
+    }));
+    buttons->addWidget(button(QStringLiteral("Open sign-in page"), grant_, [this] {
+        if (model_ && model_->grant()) {
+            openURL_(model_->grant()->verificationURL);
+        }
+    }));
+    buttons->addStretch();
+    grant->addLayout(buttons);
+    grant->addWidget(textLine(QStringLiteral("Waiting for your approval…"), grant_, true));
+    layout->addWidget(grant_);
+    layout->addWidget(new ModelErrorView(model, {}, this));
 
     auto* row = new QHBoxLayout;
     row->addWidget(button(QStringLiteral("Cancel"), this, [this] { close(); }));
@@ -62,8 +85,12 @@ LoginWindow::LoginWindow(AppModel& model, OpenURL openURL, QWidget* parent)
 
     connect(new QShortcut(QKeySequence(Qt::Key_Escape), this), &QShortcut::activated, this,
             &QWidget::close);
-    connect(&model, &AppModel::changed, this, &LoginWindow::refresh, Qt::QueuedConnection);
+    for (auto signal : {&AppModel::organisationChanged, &AppModel::signInChanged,
+                        &AppModel::captureChanged, &AppModel::openCallsChanged}) {
+        connect(&model, signal, this, &LoginWindow::refresh);
+    }
     refresh();
+    keepContentHeight(this);
 }
 
 void LoginWindow::showEvent(QShowEvent* event) {
@@ -91,34 +118,12 @@ void LoginWindow::refresh() {
     address_->setEnabled(!model.signingIn() && !model.capture() && !model.stoppingOpenCall());
     signIn_->setEnabled(!model.signingIn());
 
-    delete status_;
-    status_ = new QWidget(this);
-    auto* rows = new QVBoxLayout(status_);
-    rows->setContentsMargins(0, 0, 0, 0);
     if (const auto& grant = model.grant()) {
-        rows->addWidget(textLine(QStringLiteral("Enter this code at ") +
-                                     model.endpoints().authServiceURL.host() +
-                                     QStringLiteral("/device:"),
-                                 status_));
-        auto* code = textLine(grant->userCode, status_);
-        code->setStyleSheet(
-            QStringLiteral("font-family: monospace; font-size: 24pt; font-weight: bold;"));
-        rows->addWidget(code);
-        auto* buttons = new QHBoxLayout;
-        buttons->addWidget(button(QStringLiteral("Copy code"), status_, [text = grant->userCode] {
-            QApplication::clipboard()->setText(text);
-        }));
-        buttons->addWidget(button(QStringLiteral("Open sign-in page"), status_,
-                                  [this, url = grant->verificationURL] { openURL_(url); }));
-        buttons->addStretch();
-        rows->addLayout(buttons);
-        rows->addWidget(textLine(QStringLiteral("Waiting for your approval…"), status_, true));
+        enterAt_->setText(QStringLiteral("Enter this code at ") +
+                          model.endpoints().authServiceURL.host() + QStringLiteral("/device:"));
+        code_->setText(grant->userCode);
     }
-    if (QWidget* error = modelErrorView(
-            model, [] {}, status_)) {
-        rows->addWidget(error);
-    }
-    statusRows_->addWidget(status_);
+    grant_->setVisible(model.grant().has_value());
 }
 
 } // namespace tessel::app

@@ -9,6 +9,7 @@
 #include <QPushButton>
 #include <QWidget>
 
+class QLabel;
 class QVBoxLayout;
 
 namespace tessel::app {
@@ -30,8 +31,9 @@ private:
     OpenURL openURL_;
     QLineEdit* address_;
     QPushButton* signIn_;
-    QWidget* status_ = nullptr;
-    QVBoxLayout* statusRows_;
+    QWidget* grant_ = nullptr;
+    QLabel* enterAt_ = nullptr;
+    QLabel* code_ = nullptr;
     bool succeeded_ = false;
 };
 

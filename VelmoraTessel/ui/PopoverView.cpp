@@ -13,15 +13,27 @@
 #include "ui/Toolbar.h"
 #include "ui/Widgets.h"
 
+#include <QCoreApplication>
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLocale>
+#include <QScreen>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QWindow>
 
+#include <algorithm>
 #include <utility>
 
 namespace tessel::app {
+
+namespace {
+
+constexpr int popoverWidth = 340;
+constexpr int margin = 14;
+
+} // namespace
 
 PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions actions,
                          Sources sources, QWidget* parent)
@@ -30,37 +42,109 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
       appOptions_(std::move(sources.appOptions)) {
     setWindowTitle(QStringLiteral("Velmora"));
     setAccessibleName(QStringLiteral("Velmora"));
-    setFixedWidth(340);
-    outer_ = new QVBoxLayout(this);
-    outer_->setContentsMargins(14, 14, 14, 14);
-    outer_->setSpacing(12);
+    setFixedWidth(popoverWidth);
+    auto* outer = new QVBoxLayout(this);
+    outer->setContentsMargins(0, 0, 0, 0);
 
-    // The apps and the infrastructure keep themselves up to date; they are
-    // built once, between the rows rebuilt from the application model.
-    appsView_ = new AppsView(this);
-    outer_->addWidget(appsView_);
-    outer_->addWidget(divider(this));
+    // Taller than the screen, the rows scroll instead of running off it.
+    scroll_ = new QScrollArea(this);
+    scroll_->setFrameShape(QFrame::NoFrame);
+    scroll_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    scroll_->setWidgetResizable(true);
+    scroll_->setFocusPolicy(Qt::NoFocus);
+    content_ = new QWidget(scroll_);
+    content_->installEventFilter(this);
+    rows_ = new QVBoxLayout(content_);
+    rows_->setContentsMargins(margin, margin, margin, margin);
+    rows_->setSpacing(12);
+    scroll_->setWidget(content_);
+    outer->addWidget(scroll_);
+
+    const auto dismiss = [this] { controller_.dismiss(); };
+    toolbar_ = makeToolbar();
+    rows_->addWidget(toolbar_);
+    appsView_ = new AppsView(content_);
+    rows_->addWidget(appsView_);
+    if (notifications_) {
+        QPointer<AppModel> owner = model_;
+        rows_->addWidget(new InboxBlock(
+            model, *notifications_,
+            [this, owner] {
+                perform(PopoverAction::opensWindow, [this, owner] {
+                    if (owner) {
+                        actions_.openURL(QUrl(owner->inboxURL()));
+                    }
+                });
+            },
+            content_));
+    }
+    addCommands(rows_);
+    capture_ = new CaptureStatusView(
+        true, CaptureActions::of(model, dismiss, [this](const QString& id) { openWorkspace(id); }),
+        content_);
+    rows_->addWidget(capture_);
+    rows_->addWidget(new IdleBlock(model, dismiss, content_));
+    rows_->addWidget(new ModelErrorView(model, dismiss, content_));
+    notKept_ = textLine(AppModel::sessionNotKeptMessage, content_, true);
+    rows_->addWidget(notKept_);
+
+    rows_->addWidget(divider(content_));
     infraView_ =
         new InfraView(sources.infra,
                       InfraView::Actions{
                           .openSetup = [this] { openWorkspace(QStringLiteral("conductor-setup")); },
                           .openURL = actions_.openURL,
-                          .closePopover = [this] { controller_.dismiss(); },
+                          .closePopover = dismiss,
                       },
-                      this);
-    outer_->addWidget(infraView_);
-    outer_->addWidget(new HelpersStateStrip(sources.helpers, this));
-    outer_->addWidget(divider(this));
+                      content_);
+    rows_->addWidget(infraView_);
+    rows_->addWidget(new HelpersStateStrip(sources.helpers, content_));
+    rows_->addWidget(divider(content_));
+    // The subscriptions row comes in here once the watch is built.
+    subscriptionsSlot_ = new QWidget(content_);
+    auto* slot = new QVBoxLayout(subscriptionsSlot_);
+    slot->setContentsMargins(0, 0, 0, 0);
+    slot->setSpacing(12);
+    subscriptionsSlot_->hide();
+    rows_->addWidget(subscriptionsSlot_);
+    rows_->addWidget(makeFooter());
 
-    connect(&model, &AppModel::changed, this, &PopoverView::scheduleRebuild);
-    connect(&model.updates(), &UpdateController::changed, this, &PopoverView::scheduleRebuild);
-    if (notifications_) {
-        connect(notifications_, &NotifyFeedModel::changed, this, &PopoverView::scheduleRebuild);
-    }
+    const auto organisation = [this] {
+        updateToolbar();
+        updateApps();
+        const Org current = model_->orgStore().current();
+        infraView_->setOrg(current.host, current.name);
+    };
+    connect(&model, &AppModel::organisationChanged, this, organisation);
+    connect(&model, &AppModel::memberChanged, this, [this] {
+        updateToolbar();
+        updateCommands();
+        notKept_->setVisible(model_->member() && model_->sessionNotKept());
+    });
+    connect(&model, &AppModel::signInChanged, this, &PopoverView::updateToolbar);
+    connect(&model, &AppModel::captureChanged, this, [this] {
+        updateToolbar();
+        updateCommands();
+        capture_->setSession(model_->capture());
+    });
+    connect(&model, &AppModel::openCallsChanged, this, [this] {
+        updateToolbar();
+        updateCommands();
+    });
+    connect(&model.updates(), &UpdateController::changed, this, [this] {
+        updateToolbar();
+        updateFooter();
+    });
+    organisation();
+    updateCommands();
+    capture_->setSession(model.capture());
+    notKept_->setVisible(model.member() && model.sessionNotKept());
+    updateFooter();
+
     // A window of the program coming forward looks again for open calls and
-    // the infrastructure.
+    // the infrastructure; a menu of the popover opening is none of that.
     connect(qApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* window) {
-        if (!window || !model_) {
+        if (!window || !model_ || window->type() == Qt::Popup) {
             return;
         }
         QPointer<AppModel> owner = model_;
@@ -79,7 +163,7 @@ PopoverView::PopoverView(AppModel& model, PopoverController& controller, Actions
         }
         refreshSubscriptions(false);
     });
-    rebuild();
+    fitHeight();
 }
 
 void PopoverView::setSubscriptions(SubscriptionsModel* subscriptions) {
@@ -87,14 +171,13 @@ void PopoverView::setSubscriptions(SubscriptionsModel* subscriptions) {
         return;
     }
     subscriptions_ = subscriptions;
-    // Below the infrastructure, with a divider of its own.
-    const int at = outer_->indexOf(infraView_) + 3;
-    outer_->insertWidget(
-        at, new SubscriptionsSummaryRow(
-                *subscriptions, [this] { openWorkspace(QStringLiteral("subscriptions")); }, this));
-    outer_->insertWidget(at + 1, divider(this));
-    connect(subscriptions, &SubscriptionsModel::changed, this, &PopoverView::scheduleRebuild);
-    scheduleRebuild();
+    subscriptionsSlot_->layout()->addWidget(new SubscriptionsSummaryRow(
+        *subscriptions, [this] { openWorkspace(QStringLiteral("subscriptions")); },
+        subscriptionsSlot_));
+    subscriptionsSlot_->layout()->addWidget(divider(subscriptionsSlot_));
+    subscriptionsSlot_->show();
+    connect(subscriptions, &SubscriptionsModel::changed, this, &PopoverView::updateFooter);
+    updateFooter();
 }
 
 void PopoverView::perform(PopoverAction kind, const std::function<void()>& action) {
@@ -123,7 +206,7 @@ void PopoverView::openWorkspace(const QString& id) {
 
 void PopoverView::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
-    rebuild();
+    fitHeight();
     if (!model_) {
         return;
     }
@@ -143,13 +226,6 @@ void PopoverView::showEvent(QShowEvent* event) {
             co_await model->infra().refresh(false);
         }
     });
-}
-
-void PopoverView::scheduleRebuild() {
-    // A hidden popover builds nothing until it is shown.
-    if (isVisible()) {
-        rebuildLater_.request();
-    }
 }
 
 void PopoverView::refreshEverything() {
@@ -179,89 +255,56 @@ void PopoverView::refreshSubscriptions(bool fresh) {
     });
 }
 
-void PopoverView::rebuild() {
-    if (!model_) {
-        return;
-    }
-    AppModel& model = *model_;
-    delete head_;
-    head_ = toolbar();
-    outer_->insertWidget(0, head_);
-    updateApps();
-    delete top_;
-    top_ = new QWidget(this);
-    auto* rows = new QVBoxLayout(top_);
-    rows->setContentsMargins(0, 0, 0, 0);
-    rows->setSpacing(12);
-    outer_->insertWidget(outer_->indexOf(appsView_) + 1, top_);
-
-    if (notifications_) {
-        QPointer<AppModel> owner = model_;
-        rows->addWidget(inboxBlock(
-            *model_, *notifications_,
-            [this, owner] {
-                perform(PopoverAction::opensWindow, [this, owner] {
-                    if (owner) {
-                        actions_.openURL(QUrl(owner->inboxURL()));
-                    }
-                });
-            },
-            top_));
-    }
-    addCommands(rows);
-    const auto dismiss = [this] { controller_.dismiss(); };
-    if (CaptureSession* capture = model.capture()) {
-        QWidget* status = captureStatusView(
-            CaptureSnapshot::of(*capture), true,
-            CaptureActions::of(model, dismiss, [this](const QString& id) { openWorkspace(id); }),
-            top_);
-        followClock(status, *capture);
-        rows->addWidget(status);
-    } else {
-        rows->addWidget(new IdleBlock(model, dismiss, top_));
-    }
-    if (QWidget* error = modelErrorView(model, dismiss, top_)) {
-        rows->addWidget(error);
-    }
-    if (model.member() && model.sessionNotKept()) {
-        rows->addWidget(textLine(AppModel::sessionNotKeptMessage, top_, true));
-    }
-
-    infraView_->setOrg(model.orgStore().current().host, model.orgStore().current().name);
-    delete footer_;
-    footer_ = footer();
-    outer_->addWidget(footer_);
-    fitHeight();
+int PopoverView::contentHeight() const {
+    const int width = popoverWidth;
+    return rows_->hasHeightForWidth() ? rows_->totalHeightForWidth(width)
+                                      : rows_->totalSizeHint().height();
 }
 
-// 340 wide, as tall as the rows need.
+// 340 wide and as tall as the rows need, never beyond the screen's free
+// height: a window manager that sizes the window by its minimum then keeps
+// every row whole, and what does not fit scrolls.
 void PopoverView::fitHeight() {
-    outer_->activate();
-    resize(width(), outer_->hasHeightForWidth() ? outer_->totalHeightForWidth(width())
-                                                : outer_->totalSizeHint().height());
+    rows_->activate();
+    const QScreen* where = screen() ? screen() : QGuiApplication::primaryScreen();
+    const int room = where ? where->availableGeometry().height() : contentHeight();
+    const int height = std::min(contentHeight(), room);
+    if (height != this->height() || minimumHeight() != height) {
+        setFixedHeight(height);
+    }
 }
 
-// Tab follows the rows as they stand, whichever part was rebuilt last.
+// Tab follows the rows as they stand.
 bool PopoverView::focusNextPrevChild(bool next) {
     if (std::exchange(tabFromTop_, false) && next) {
         if (QWidget* focused = focusWidget()) {
             focused->clearFocus();
         }
     }
-    return focusAlongRows(this, next);
+    const bool moved = focusAlongRows(content_, next);
+    if (moved && focusWidget()) {
+        scroll_->ensureWidgetVisible(focusWidget());
+    }
+    return moved;
 }
 
-// The apps, the infrastructure and the helpers' strip change on their own
-// time; the popover grows or shrinks with them instead of squeezing its rows.
+// The rows growing or shrinking (apps, infrastructure, a capture) resize the
+// popover instead of squeezing them.
+bool PopoverView::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == content_ && event->type() == QEvent::LayoutRequest) {
+        QMetaObject::invokeMethod(this, &PopoverView::fitHeight, Qt::QueuedConnection);
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
 bool PopoverView::event(QEvent* event) {
     const bool handled = QWidget::event(event);
-    if (event->type() == QEvent::LayoutRequest && outer_) {
-        fitHeight();
-    }
-    // Each time it comes forward, as a menu does, the first Tab reaches the
-    // top row: the widget that had the focus may be long rebuilt.
+    // Each time it comes forward, as a menu does, the first Tab reaches the top row.
     if (event->type() == QEvent::WindowActivate) {
         tabFromTop_ = true;
+    }
+    if (event->type() == QEvent::ScreenChangeInternal) {
+        fitHeight();
     }
     return handled;
 }
@@ -298,7 +341,7 @@ void PopoverView::updateApps() {
     appsView_->setModel(apps_.get());
 }
 
-QWidget* PopoverView::toolbar() {
+Toolbar* PopoverView::makeToolbar() {
     QPointer<AppModel> owner = model_;
     ToolbarActions actions{
         .openWorkspace = [this](const QString& id) { openWorkspace(id); },
@@ -332,74 +375,93 @@ QWidget* PopoverView::toolbar() {
                 });
             },
     };
-    return new Toolbar(ToolbarState::of(*model_), std::move(actions), this);
+    return new Toolbar(ToolbarState::of(*model_), std::move(actions), content_);
+}
+
+void PopoverView::updateToolbar() {
+    if (model_) {
+        toolbar_->update(ToolbarState::of(*model_));
+    }
 }
 
 void PopoverView::addCommands(QVBoxLayout* rows) {
-    AppModel& model = *model_;
     QPointer<AppModel> owner = model_;
     auto* heading = new QHBoxLayout;
-    heading->addWidget(textLine(QStringLiteral("Tessel"), top_, true));
+    heading->addWidget(textLine(QStringLiteral("Tessel"), content_, true));
     heading->addStretch();
-    auto* mark = new QLabel(top_);
+    auto* mark = new QLabel(content_);
     mark->setPixmap(symbolIcon(QStringLiteral("waveform.and.mic"), palette()).pixmap(16, 16));
     heading->addWidget(mark);
     rows->addLayout(heading);
 
     auto* commands = new QHBoxLayout;
     commands->setSpacing(12);
-    auto* take = iconButton(
-        QStringLiteral("record.circle"), QStringLiteral("Take notes on this call…"),
-        QStringLiteral("Take notes"), top_, [this, owner] {
-            if (owner) {
-                openWorkspace(owner->member() ? QStringLiteral("call") : QStringLiteral("login"));
-            }
-        });
-    take->setEnabled(model.canStartCapture());
-    commands->addWidget(take);
-    if (const auto saved = model.savedCallID()) {
-        commands->addWidget(iconButton(QStringLiteral("note.text"),
-                                       QStringLiteral("Open notes in browser"),
-                                       QStringLiteral("Notes"), top_, [this, owner, id = *saved] {
-                                           perform(PopoverAction::opensWindow, [owner, id] {
-                                               if (owner) {
-                                                   owner->openCall(id);
-                                               }
-                                           });
-                                       }));
-    }
+    take_ = iconButton(QStringLiteral("record.circle"), QStringLiteral("Take notes on this call…"),
+                       QStringLiteral("Take notes"), content_, [this, owner] {
+                           if (owner) {
+                               openWorkspace(owner->member() ? QStringLiteral("call")
+                                                             : QStringLiteral("login"));
+                           }
+                       });
+    commands->addWidget(take_);
+    notes_ = iconButton(QStringLiteral("note.text"), QStringLiteral("Open notes in browser"),
+                        QStringLiteral("Notes"), content_, [this, owner] {
+                            perform(PopoverAction::opensWindow, [owner] {
+                                if (owner && owner->savedCallID()) {
+                                    owner->openCall(*owner->savedCallID());
+                                }
+                            });
+                        });
+    commands->addWidget(notes_);
     commands->addStretch();
     rows->addLayout(commands);
 }
 
-QWidget* PopoverView::footer() {
-    AppModel& model = *model_;
+void PopoverView::updateCommands() {
+    if (!model_) {
+        return;
+    }
+    take_->setEnabled(model_->canStartCapture());
+    notes_->setVisible(model_->savedCallID().has_value());
+}
+
+QWidget* PopoverView::makeFooter() {
     QPointer<AppModel> owner = model_;
-    auto* box = new QWidget(this);
+    auto* box = new QWidget(content_);
     auto* row = new QHBoxLayout(box);
     row->setContentsMargins(0, 0, 0, 0);
     row->setSpacing(10);
     row->addWidget(textLine(AppVersion::label(), box, true));
-    auto* check = button(QStringLiteral("Check for updates…"), box, [this, owner] {
+    check_ = button(QStringLiteral("Check for updates…"), box, [this, owner] {
         perform(PopoverAction::opensWindow, [owner] {
             if (owner && owner->updates().canCheckForUpdates()) {
                 owner->updates().checkForUpdates();
             }
         });
     });
-    check->setFlat(true);
-    check->setEnabled(model.updates().canCheckForUpdates());
-    row->addWidget(check);
+    check_->setFlat(true);
+    row->addWidget(check_);
     row->addStretch();
-    if (subscriptions_) {
-        if (const auto fetched = subscriptions_->lastFetch()) {
-            auto* time = textLine(
-                QLocale().toString(fetched->toLocalTime().time(), QLocale::ShortFormat), box, true);
-            time->setToolTip(QStringLiteral("Last subscription fetch"));
-            row->addWidget(time);
-        }
-    }
+    fetched_ = textLine(QString(), box, true);
+    fetched_->setToolTip(QStringLiteral("Last subscription fetch"));
+    fetched_->setWordWrap(false);
+    row->addWidget(fetched_);
     return box;
+}
+
+void PopoverView::updateFooter() {
+    if (!model_) {
+        return;
+    }
+    check_->setEnabled(model_->updates().canCheckForUpdates());
+    std::optional<QDateTime> fetched;
+    if (subscriptions_) {
+        fetched = subscriptions_->lastFetch();
+    }
+    fetched_->setVisible(fetched.has_value());
+    if (fetched) {
+        fetched_->setText(QLocale().toString(fetched->toLocalTime().time(), QLocale::ShortFormat));
+    }
 }
 
 } // namespace tessel::app

@@ -1,8 +1,10 @@
 // The popover's content, top to bottom: the toolbar, the inbox, the call
 // commands, the running capture or the idle block, the error, the local
-// infrastructure and the footer. 340 wide. Rebuilt from the models when they
-// change, and only while it is shown; refreshed when it appears and when a
-// window of the program becomes active.
+// infrastructure and the footer. 340 wide, as tall as its rows up to the
+// screen's height, beyond which they scroll. Built once: each part follows the
+// group of a model it shows and changes its widgets in place, so focus, a
+// pressed button and an open menu survive every change. Refreshed when it
+// appears and when a window of the program becomes active.
 #pragma once
 
 #include "PopoverController.h"
@@ -12,7 +14,6 @@
 #include "notify/NotifyFeedModel.h"
 #include "subscriptions/SubscriptionsModel.h"
 #include "tools/HelpersModel.h"
-#include "ui/RebuildLater.h"
 
 #include <QPointer>
 #include <QWidget>
@@ -20,12 +21,18 @@
 #include <functional>
 #include <memory>
 
+class QLabel;
+class QPushButton;
+class QScrollArea;
+class QToolButton;
 class QVBoxLayout;
 
 namespace tessel::app {
 
 class AppsView;
+class CaptureStatusView;
 class InfraView;
+class Toolbar;
 
 // The models shown beside the application model; either may be absent.
 struct PopoverSources {
@@ -57,23 +64,26 @@ public:
     void openWorkspace(const QString& id);
     // The subscription watch, once it is built: adds its row.
     void setSubscriptions(SubscriptionsModel* subscriptions);
-    // Builds now what a change asked for (the tests look without a loop turn).
-    void rebuild();
+    // The height the rows want at the popover's width, before the screen limits it.
+    int contentHeight() const;
 
 protected:
     void showEvent(QShowEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
     bool event(QEvent* event) override;
     bool focusNextPrevChild(bool next) override;
 
 private:
-    void scheduleRebuild();
     void fitHeight();
     void refreshEverything();
     void refreshSubscriptions(bool fresh);
     void updateApps();
-    QWidget* toolbar();
+    void updateToolbar();
+    void updateCommands();
+    void updateFooter();
+    Toolbar* makeToolbar();
     void addCommands(QVBoxLayout* rows);
-    QWidget* footer();
+    QWidget* makeFooter();
 
     QPointer<AppModel> model_;
     PopoverController& controller_;
@@ -84,13 +94,19 @@ private:
     std::function<AppsModel::Options()> appOptions_;
     std::unique_ptr<AppsModel> apps_;
     QString appsHost_;
-    QWidget* head_ = nullptr;
+    QScrollArea* scroll_ = nullptr;
+    QWidget* content_ = nullptr;
+    QVBoxLayout* rows_ = nullptr;
+    Toolbar* toolbar_ = nullptr;
     AppsView* appsView_ = nullptr;
-    QWidget* top_ = nullptr;
+    QToolButton* take_ = nullptr;
+    QToolButton* notes_ = nullptr;
+    CaptureStatusView* capture_ = nullptr;
+    QLabel* notKept_ = nullptr;
     InfraView* infraView_ = nullptr;
-    QWidget* footer_ = nullptr;
-    QVBoxLayout* outer_ = nullptr;
-    RebuildLater rebuildLater_{this, [this] { rebuild(); }};
+    QWidget* subscriptionsSlot_ = nullptr;
+    QPushButton* check_ = nullptr;
+    QLabel* fetched_ = nullptr;
     bool tabFromTop_ = false; // the next Tab starts at the top row
 };
 

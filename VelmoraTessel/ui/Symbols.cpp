@@ -133,19 +133,27 @@ QToolButton* iconButton(const QString& symbol, const QString& help, const QStrin
     b->setIcon(symbolIcon(symbol, parent ? parent->palette() : QPalette()));
     b->setIconSize(QSize(22, 22));
     b->setAutoRaise(true);
-    b->setToolTip(help);
-    b->setAccessibleName(help);
     b->setFocusPolicy(Qt::StrongFocus);
-    if (!label.isEmpty()) {
-        b->setText(QString(label).replace(QLatin1Char('&'), QStringLiteral("&&")));
-        b->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
-    } else {
-        b->setToolButtonStyle(Qt::ToolButtonIconOnly);
-    }
+    setWords(b, help, label);
     if (action) {
         QObject::connect(b, &QToolButton::clicked, b, [action = std::move(action)] { action(); });
     }
     return b;
+}
+
+void setWords(QToolButton* button, const QString& help, const QString& label) {
+    if (button->toolTip() != help) {
+        button->setToolTip(help);
+        button->setAccessibleName(help);
+    }
+    const QString text = QString(label).replace(QLatin1Char('&'), QStringLiteral("&&"));
+    if (button->text() != text) {
+        button->setText(text);
+        // The name is the help; what the button shows now is said after it.
+        button->setAccessibleDescription(label != help ? label : QString());
+    }
+    button->setToolButtonStyle(label.isEmpty() ? Qt::ToolButtonIconOnly
+                                               : Qt::ToolButtonTextBesideIcon);
 }
 
 } // namespace tessel::app

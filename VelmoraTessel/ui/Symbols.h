@@ -23,5 +23,8 @@ QIcon symbolIcon(const QString& symbol, const QPalette& palette);
 // it. `help` is its tool tip and its accessible name.
 QToolButton* iconButton(const QString& symbol, const QString& help, const QString& label,
                         QWidget* parent, std::function<void()> action);
+// New words for a button made by iconButton, in place: its focus and any
+// press stay.
+void setWords(QToolButton* button, const QString& help, const QString& label);
 
 } // namespace tessel::app

@@ -41,46 +41,90 @@ Toolbar::Toolbar(const ToolbarState& state, ToolbarActions actions, QWidget* par
     name->setFont(headline);
     name->setToolTip(QStringLiteral("Velmora — secondary-click for update controls"));
     name->setContextMenuPolicy(Qt::CustomContextMenu);
-    const bool canCheck = state.canCheckForUpdates;
-    connect(name, &QLabel::customContextMenuRequested, this, [this, name, canCheck](QPoint at) {
+    connect(name, &QLabel::customContextMenuRequested, this, [this, name](QPoint at) {
         // Shown without waiting for it: the loop goes on.
         auto* menu = new QMenu(this);
         menu->setAttribute(Qt::WA_DeleteOnClose);
         menu->addAction(QStringLiteral("Check for updates…"), this,
                         [this] { actions_.checkForUpdates(); })
-            ->setEnabled(canCheck);
+            ->setEnabled(state_.canCheckForUpdates);
         menu->popup(name->mapToGlobal(at));
     });
     row->addWidget(name);
     row->addStretch();
-    row->addWidget(orgMenu(state));
+
+    org_ = new QToolButton(this);
+    org_->setObjectName(QStringLiteral("organisation"));
+    org_->setIcon(symbolIcon(QStringLiteral("building.2"), palette()));
+    org_->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+    org_->setAutoRaise(true);
+    org_->setFocusPolicy(Qt::StrongFocus);
+    org_->setPopupMode(QToolButton::InstantPopup);
+    orgMenu_ = new QMenu(org_);
+    connect(orgMenu_, &QMenu::aboutToShow, this, &Toolbar::fillOrgMenu);
+    org_->setMenu(orgMenu_);
+    row->addWidget(org_);
+
     row->addWidget(iconButton(QStringLiteral("arrow.clockwise"),
                               QStringLiteral("Refresh everything"), QString(), this,
                               [this] { actions_.refresh(); }));
-    row->addWidget(accountCommand(state));
+
+    // Signed out a plain button to the sign-in window, signed in the account
+    // menu: one button that changes its part, so its place in the Tab walk stays.
+    account_ = iconButton(QStringLiteral("person.crop.circle"), QString(), QString(), this, {});
+    account_->setObjectName(QStringLiteral("account"));
+    account_->setFixedSize(30, 30);
+    accountMenu_ = new QMenu(account_);
+    connect(accountMenu_, &QMenu::aboutToShow, this, &Toolbar::fillAccountMenu);
+    connect(account_, &QToolButton::clicked, this, [this] {
+        if (!state_.signedIn) {
+            actions_.openWorkspace(QStringLiteral("login"));
+        }
+    });
+    row->addWidget(account_);
+
     row->addWidget(iconButton(QStringLiteral("power"), QStringLiteral("Quit"), QString(), this,
                               [this] { actions_.quit(); }));
+    update(state);
 }
 
-QWidget* Toolbar::orgMenu(const ToolbarState& state) {
-    auto* button = new QToolButton(this);
-    button->setObjectName(QStringLiteral("organisation"));
-    button->setText(state.org.name);
-    button->setIcon(symbolIcon(QStringLiteral("building.2"), palette()));
-    button->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
-    button->setToolTip(state.org.host);
-    button->setAccessibleName(QStringLiteral("Organisation ") + state.org.name);
-    button->setAutoRaise(true);
-    button->setPopupMode(QToolButton::InstantPopup);
-    auto* menu = new QMenu(button);
-    const QIcon check = symbolIcon(QStringLiteral("checkmark"), palette());
-    for (const OrgMenuItem& item : state.rows) {
-        if (std::holds_alternative<OrgMenuItem::Add>(item.action)) {
-            menu->addSeparator();
+void Toolbar::update(const ToolbarState& state) {
+    state_ = state;
+    if (org_->text() != state.org.name) {
+        org_->setText(state.org.name);
+    }
+    org_->setToolTip(state.org.host);
+    org_->setAccessibleName(QStringLiteral("Organisation ") + state.org.name);
+
+    if (state.signedIn) {
+        const QString help = state.email.value_or(QStringLiteral("Account"));
+        account_->setToolTip(help);
+        account_->setAccessibleName(QStringLiteral("Account"));
+        if (account_->menu() != accountMenu_) {
+            account_->setMenu(accountMenu_);
+            account_->setPopupMode(QToolButton::InstantPopup);
         }
-        QAction* row = menu->addAction(item.checked ? check : QIcon(), item.title);
+    } else {
+        if (account_->menu()) {
+            account_->setMenu(nullptr);
+        }
+        account_->setToolTip(QStringLiteral("Sign in…"));
+        account_->setAccessibleName(QStringLiteral("Sign in…"));
+    }
+    // A menu that stands open shows what was true when it opened; its rows
+    // act on the state of the moment when chosen.
+}
+
+void Toolbar::fillOrgMenu() {
+    orgMenu_->clear();
+    const QIcon check = symbolIcon(QStringLiteral("checkmark"), palette());
+    for (const OrgMenuItem& item : state_.rows) {
+        if (std::holds_alternative<OrgMenuItem::Add>(item.action)) {
+            orgMenu_->addSeparator();
+        }
+        QAction* row = orgMenu_->addAction(item.checked ? check : QIcon(), item.title);
         row->setObjectName(item.id);
-        row->setEnabled(state.canChangeOrg);
+        row->setEnabled(state_.canChangeOrg);
         connect(row, &QAction::triggered, this, [this, action = item.action] {
             if (const auto* select = std::get_if<OrgMenuItem::Select>(&action)) {
                 actions_.selectOrg(select->host);
@@ -91,36 +135,24 @@ QWidget* Toolbar::orgMenu(const ToolbarState& state) {
             }
         });
     }
-    button->setMenu(menu);
-    return button;
 }
 
-QWidget* Toolbar::accountCommand(const ToolbarState& state) {
-    if (!state.signedIn) {
-        return iconButton(QStringLiteral("person.crop.circle"), QStringLiteral("Sign in…"),
-                          QString(), this,
-                          [this] { actions_.openWorkspace(QStringLiteral("login")); });
-    }
-    auto* button = iconButton(QStringLiteral("person.crop.circle"),
-                              state.email.value_or(QStringLiteral("Account")), QString(), this, {});
-    button->setObjectName(QStringLiteral("account"));
-    button->setAccessibleName(QStringLiteral("Account"));
-    button->setPopupMode(QToolButton::InstantPopup);
-    auto* menu = new QMenu(button);
-    menu->addAction(state.email.value_or(QStringLiteral("member")))->setEnabled(false);
-    menu->addAction(QStringLiteral("Sign in…"), this,
-                    [this] { actions_.openWorkspace(QStringLiteral("login")); });
-    menu->addAction(QStringLiteral("Organisation…"), this,
+void Toolbar::fillAccountMenu() {
+    accountMenu_->clear();
+    accountMenu_->addAction(state_.email.value_or(QStringLiteral("member")))->setEnabled(false);
+    accountMenu_->addAction(QStringLiteral("Sign in…"), this,
+                            [this] { actions_.openWorkspace(QStringLiteral("login")); });
+    accountMenu_
+        ->addAction(QStringLiteral("Organisation…"), this,
                     [this] { actions_.openWorkspace(QStringLiteral("login")); })
-        ->setEnabled(!state.capture && !state.stoppingOpenCall && !state.signingIn);
-    menu->addAction(QStringLiteral("Sign out"), this, [this] { actions_.signOut(); })
-        ->setEnabled(!state.capture);
-    menu->addSeparator();
-    menu->addAction(QStringLiteral("Check for updates…"), this,
+        ->setEnabled(!state_.capture && !state_.stoppingOpenCall && !state_.signingIn);
+    accountMenu_->addAction(QStringLiteral("Sign out"), this, [this] { actions_.signOut(); })
+        ->setEnabled(!state_.capture);
+    accountMenu_->addSeparator();
+    accountMenu_
+        ->addAction(QStringLiteral("Check for updates…"), this,
                     [this] { actions_.checkForUpdates(); })
-        ->setEnabled(state.canCheckForUpdates);
-    button->setMenu(menu);
-    return button;
+        ->setEnabled(state_.canCheckForUpdates);
 }
 
 } // namespace tessel::app

@@ -1,6 +1,8 @@
 // The popover's top row: the program's name (the update command on its
 // context menu), the organisation menu, and refresh, account and quit. Built
-// from a plain state so that its enable rules can be looked at on their own.
+// once; `update` changes its words and switches in place, and a menu takes its
+// rows from the state as it opens, so no change of a model ever closes a menu
+// that stands open or takes the focus from a button.
 #pragma once
 
 #include "app/AppModel.h"
@@ -10,6 +12,9 @@
 
 #include <functional>
 #include <optional>
+
+class QMenu;
+class QToolButton;
 
 namespace tessel::app {
 
@@ -43,11 +48,21 @@ class Toolbar : public QWidget {
 public:
     Toolbar(const ToolbarState& state, ToolbarActions actions, QWidget* parent = nullptr);
 
+    void update(const ToolbarState& state);
+    // The menus as they would open now, for a look without opening them.
+    QMenu* orgMenu() const { return orgMenu_; }
+    QMenu* accountMenu() const { return accountMenu_; }
+
 private:
-    QWidget* orgMenu(const ToolbarState& state);
-    QWidget* accountCommand(const ToolbarState& state);
+    void fillOrgMenu();
+    void fillAccountMenu();
 
     ToolbarActions actions_;
+    ToolbarState state_;
+    QToolButton* org_ = nullptr;
+    QMenu* orgMenu_ = nullptr;
+    QToolButton* account_ = nullptr;
+    QMenu* accountMenu_ = nullptr;
 };
 
 } // namespace tessel::app

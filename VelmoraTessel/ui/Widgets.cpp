@@ -1,5 +1,8 @@
 #include "ui/Widgets.h"
 
+#include <QEvent>
+#include <QLayout>
+
 #include <algorithm>
 #include <cmath>
 
@@ -33,6 +36,37 @@ QFrame* divider(QWidget* parent) {
 
 namespace {
 
+class ContentHeight : public QObject {
+public:
+    explicit ContentHeight(QWidget* window) : QObject(window), window_(window) {}
+
+    void fit() {
+        QLayout* layout = window_->layout();
+        if (!layout) {
+            return;
+        }
+        layout->activate();
+        const int wanted = layout->hasHeightForWidth()
+                               ? layout->totalHeightForWidth(window_->width())
+                               : layout->totalSizeHint().height();
+        window_->setMinimumHeight(wanted);
+        if (window_->height() != wanted) {
+            window_->resize(window_->width(), wanted);
+        }
+    }
+
+protected:
+    bool eventFilter(QObject*, QEvent* event) override {
+        if (event->type() == QEvent::LayoutRequest || event->type() == QEvent::Show) {
+            QMetaObject::invokeMethod(this, &ContentHeight::fit, Qt::QueuedConnection);
+        }
+        return false;
+    }
+
+private:
+    QWidget* window_;
+};
+
 // Relative luminance and contrast ratio as WCAG defines them.
 double luminance(const QColor& colour) {
     const auto channel = [](double c) {
@@ -49,6 +83,12 @@ double contrast(const QColor& a, const QColor& b) {
 }
 
 } // namespace
+
+void keepContentHeight(QWidget* window) {
+    auto* keeper = new ContentHeight(window);
+    window->installEventFilter(keeper);
+    keeper->fit();
+}
 
 QColor readableOn(const QColor& ink, const QColor& background) {
     const QColor toward = luminance(background) < 0.5 ? QColor(Qt::white) : QColor(Qt::black);

@@ -16,6 +16,10 @@ QPushButton* button(const QString& text, QWidget* parent, std::function<void()> 
 // A thin horizontal line between blocks.
 QFrame* divider(QWidget* parent);
 
+// Keeps a window of fixed width at least as tall as its content at that width,
+// word-wrapped lines included, so no window manager can squash its rows.
+void keepContentHeight(QWidget* window);
+
 // `ink`, or when it is too faint on `background` (under 4.5:1, as a dark
 // palette's highlight is on its window) mixed towards black or white until it
 // reads.

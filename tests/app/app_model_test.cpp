@@ -130,7 +130,7 @@ TEST_F(AppModelTest, ChangingOrganisationDuringAListDropsTheOldAnswer) {
     model = makeModel();
     ASSERT_TRUE(model->loadingOpenCalls());
     bool ghostShown = false;
-    QObject::connect(model.get(), &AppModel::changed, [&] {
+    QObject::connect(model.get(), &AppModel::openCallsChanged, [&] {
         for (const OpenCall& call : model->openCalls()) {
             ghostShown = ghostShown || call.id == "ghost";
         }
