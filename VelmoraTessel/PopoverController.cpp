@@ -4,6 +4,8 @@
 
 #include <QApplication>
 #include <QKeyEvent>
+#include <QMouseEvent>
+#include <QWindow>
 
 namespace tessel::app {
 
@@ -42,6 +44,16 @@ bool isNormalLevel(const QWidget* window) {
     const Qt::WindowType type = window->windowType();
     return (type == Qt::Window || type == Qt::Dialog) &&
            !window->windowFlags().testFlag(Qt::WindowStaysOnTopHint);
+}
+
+// X11 reports no click in another program or on the bare desktop, and a click
+// there need not move the focus. A pointer grab while the popover shows is the
+// nearest honest equivalent of a global click monitor: such a click comes to
+// the popover, outside its frame, as a menu's does. Wayland offers nothing of
+// the kind to a toplevel; there the compositor's focus change ends it.
+bool grabsPointer(const QWidget* window) {
+    return QGuiApplication::platformName() == QLatin1String("xcb") &&
+           window->windowType() == Qt::Tool;
 }
 
 } // namespace
@@ -93,6 +105,13 @@ void PopoverController::synchronizeVisibility() {
         qApp->installEventFilter(this);
         monitoring_ = true;
     }
+    // Again after each activation: a menu of the popover takes the grab for
+    // itself while it stands open.
+    // The platform window's grab, not QWidget::grabMouse: that one would take
+    // every click from the popover's own buttons.
+    if (grabsPointer(window_) && window_->isActiveWindow() && window_->windowHandle()) {
+        grabbing_ = window_->windowHandle()->setMouseGrabEnabled(true);
+    }
 }
 
 void PopoverController::stopMonitoring() {
@@ -100,6 +119,10 @@ void PopoverController::stopMonitoring() {
         qApp->removeEventFilter(this);
         monitoring_ = false;
     }
+    if (grabbing_ && window_ && window_->windowHandle()) {
+        window_->windowHandle()->setMouseGrabEnabled(false);
+    }
+    grabbing_ = false;
 }
 
 void PopoverController::applicationStateChanged(Qt::ApplicationState state) {
@@ -150,7 +173,9 @@ bool PopoverController::eventFilter(QObject* watched, QEvent* event) {
     }
     QWidget* target = widget->window();
     if (key) {
-        if (static_cast<QKeyEvent*>(event)->key() != Qt::Key_Escape) {
+        // A menu of the popover that stands open takes its own Escape.
+        if (static_cast<QKeyEvent*>(event)->key() != Qt::Key_Escape ||
+            QApplication::activePopupWidget()) {
             return false;
         }
         if (target == window_ || window_->isActiveWindow()) {
@@ -158,6 +183,13 @@ bool PopoverController::eventFilter(QObject* watched, QEvent* event) {
             return true;
         }
         return false;
+    }
+    // Under the grab a click elsewhere on the screen reaches the popover too.
+    const QPoint at = static_cast<QMouseEvent*>(event)->globalPosition().toPoint();
+    const bool outside = target == window_ && !window_->rect().contains(window_->mapFromGlobal(at));
+    if (outside) {
+        dismiss();
+        return true; // nothing of ours was clicked
     }
     const auto action =
         PopoverPolicy::classifyLocalMouseDown(target == window_, isNormalLevel(target));

@@ -53,6 +53,7 @@ private:
     WindowObserver* observer_ = nullptr;
     QMetaObject::Connection stateConnection_;
     bool monitoring_ = false;
+    bool grabbing_ = false; // the pointer, while the popover shows on X11
     int lastDismissTier_ = 0;
 };
 

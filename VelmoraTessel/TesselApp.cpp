@@ -18,6 +18,7 @@
 
 #include <QApplication>
 #include <QDir>
+#include <QIcon>
 #include <QSessionManager>
 
 namespace tessel::app {
@@ -90,7 +91,14 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
             if (!self) {
                 co_return;
             }
-            popover_->setSubscriptions(&subscriptions());
+            SubscriptionsModel& watch = subscriptions();
+            popover_->setSubscriptions(&watch);
+            // The status item carries the watch's mark: attention when a seat needs it.
+            const auto mark = [this, watched = &watch] {
+                tray_->setAttention(watched->menuSymbol() == QStringLiteral("v.circle.fill"));
+            };
+            connect(&watch, &SubscriptionsModel::changed, this, mark);
+            mark();
             if (helpers_->ready()) {
                 const std::shared_ptr<InfraModel> infra = infra_;
                 infra->rebindHelpers();
@@ -274,6 +282,10 @@ int runTrayApp(int argc, char** argv) {
     QApplication app(argc, argv);
     app.setApplicationName(QStringLiteral("VelmoraTessel"));
     app.setDesktopFileName(QStringLiteral("ai.velmora.tessel"));
+    // The program's icons stand beside it (bin/../share/icons), installed or not.
+    QIcon::setThemeSearchPaths(QIcon::themeSearchPaths() << QCoreApplication::applicationDirPath() +
+                                                                QStringLiteral("/../share/icons"));
+    app.setWindowIcon(QIcon::fromTheme(QStringLiteral("ai.velmora.tessel")));
     app.setQuitOnLastWindowClosed(false);
 
     SingleInstance instance(QDBusConnection::sessionBus());

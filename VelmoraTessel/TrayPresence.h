@@ -2,6 +2,11 @@
 // popover beside it or, with no tray, the popover as an ordinary window. The
 // tray can come and go with the desktop's StatusNotifierWatcher; the program
 // never ends for want of one.
+//
+// The item exports no menu: hosts such as GNOME's AppIndicator extension open
+// an exported menu on a left click and never send Activate. A left click opens
+// the popover everywhere; a right click (ContextMenu) opens the program's own
+// small menu at the pointer.
 #pragma once
 
 #include "PopoverController.h"
@@ -14,6 +19,7 @@
 #include <memory>
 
 class QDBusServiceWatcher;
+class QMenu;
 class QWidget;
 
 namespace tessel::app {
@@ -25,6 +31,7 @@ public:
     // `popover` and `controller` outlive this; `quit` is the tray menu's Quit.
     TrayPresence(QWidget& popover, PopoverController& controller, const QDBusConnection& bus,
                  std::function<void()> quit, QObject* parent = nullptr);
+    ~TrayPresence() override;
 
     // Watches for the tray and takes the form that fits what is there now.
     void start();
@@ -33,6 +40,8 @@ public:
 
     void showPopover();
     void togglePopover();
+    // The icon with the attention mark, while a seat needs attention.
+    void setAttention(bool attention);
 
 private:
     void useTray(bool available);
@@ -43,6 +52,8 @@ private:
     QDBusConnection bus_;
     std::function<void()> quit_;
     std::unique_ptr<QSystemTrayIcon> tray_;
+    std::unique_ptr<QMenu> menu_;
+    bool attention_ = false;
     QDBusServiceWatcher* watcher_ = nullptr;
     bool inTray_ = false;
 };

@@ -13,7 +13,7 @@ packages=(
   dbus dbus-daemon gnome-keyring libsecret-tools curl ca-certificates openssl procps
   unzip python3
   xdg-utils xvfb xdotool x11-utils libx11-dev libxdamage-dev adwaita-qt6
-  at-spi2-core python3-pyatspi
+  at-spi2-core python3-pyatspi libqt6svg6 xfwm4 xfce4-panel xfconf
 )
 
 sudo_cmd=()

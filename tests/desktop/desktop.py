@@ -71,12 +71,35 @@ class SessionBus:
         return cls._address
 
 
-class Desktop:
-    """`keyring`: 'unlocked', 'none' (no Secret Service on the bus)."""
+PANEL = """<?xml version="1.0" encoding="UTF-8"?>
+<channel name="xfce4-panel" version="1.0">
+  <property name="configver" type="int" value="2"/>
+  <property name="panels" type="array">
+    <value type="int" value="1"/>
+    <property name="panel-1" type="empty">
+      <property name="position" type="string" value="p=6;x=0;y=0"/>
+      <property name="length" type="uint" value="100"/>
+      <property name="position-locked" type="bool" value="true"/>
+      <property name="size" type="uint" value="28"/>
+      <property name="plugin-ids" type="array"><value type="int" value="1"/></property>
+    </property>
+  </property>
+  <property name="plugins" type="empty">
+    <property name="plugin-1" type="string" value="systray"/>
+  </property>
+</channel>
+"""
 
-    def __init__(self, keyring='unlocked', sound=False):
+
+class Desktop:
+    """`keyring`: 'unlocked', 'none' (no Secret Service on the bus). `shell`:
+    None (a bare display: the program shows its popover as a window) or 'xfce'
+    (xfwm4 and an xfce4-panel whose tray hosts the program's item)."""
+
+    def __init__(self, keyring='unlocked', sound=False, shell=None):
         self.keyring = keyring
         self.sound = sound
+        self.shell = shell
         self.dir = pathlib.Path(tempfile.mkdtemp(prefix='tessel-desktop-'))
         self.procs = []
         self.app = None
@@ -100,6 +123,8 @@ class Desktop:
     def start(self):
         self.env['DBUS_SESSION_BUS_ADDRESS'] = SessionBus.address()
         self._display()
+        if self.shell == 'xfce':
+            self._xfce()
         if self.keyring == 'unlocked':
             self._keyring()
         if self.sound:
@@ -150,6 +175,21 @@ class Desktop:
         os.close(write)
         with os.fdopen(read) as displays:
             self.env['DISPLAY'] = ':' + displays.readline().strip()
+
+    def _xfce(self):
+        channels = self.dir / 'config' / 'xfce4' / 'xfconf' / 'xfce-perchannel-xml'
+        channels.mkdir(parents=True)
+        (channels / 'xfce4-panel.xml').write_text(PANEL)
+        self.spawn(['/usr/lib/x86_64-linux-gnu/xfce4/xfconf/xfconfd'], 'xfconfd')
+        wait_until(lambda: self.run(['gdbus', 'introspect', '--session', '--dest', 'org.xfce.Xfconf',
+                                     '--object-path', '/org/xfce/Xfconf']).returncode == 0,
+                   what='xfconfd on the bus')
+        self.spawn(['xfwm4'], 'xfwm4')
+        self.spawn(['xfce4-panel'], 'panel')
+        wait_until(lambda: self.run(['gdbus', 'introspect', '--session', '--dest',
+                                     'org.kde.StatusNotifierWatcher', '--object-path',
+                                     '/StatusNotifierWatcher']).returncode == 0,
+                   what='the panel\'s tray')
 
     def _keyring(self):
         # The daemon's sockets live in its own runtime folder (XDG_RUNTIME_DIR/keyring).
@@ -287,6 +327,44 @@ class Desktop:
                            'org.freedesktop.DBus.Properties.Get', 'org.freedesktop.Secret.Collection', 'Locked'])
         return b'true' in answer.stdout
 
+    # -- pointer and keys -------------------------------------------------------
+
+    def xdotool(self, *args):
+        return self.run(['xdotool', *map(str, args)]).stdout.decode()
+
+    def click(self, x, y, button=1):
+        # A panel's button takes a click only after the pointer has entered it.
+        self.xdotool('mousemove', x, y, 'sleep', '0.3', 'click', button)
+
+    def keys(self, *keys):
+        self.xdotool('key', '--delay', '80', *keys)
+
+    def tray_icon(self):
+        """Where the program's item stands in the panel's tray: its middle."""
+        def find():
+            for window in self.xdotool('search', '--onlyvisible', '--name', '^wrapper-2.0$').split():
+                geometry = self.run(['xwininfo', '-id', window]).stdout.decode()
+                values = dict(line.strip().split(':', 1) for line in geometry.splitlines() if ':' in line)
+                width, height = int(values['Width']), int(values['Height'])
+                if 16 <= width <= 64 and height <= 40:
+                    x, y = int(values['Absolute upper-left X']), int(values['Absolute upper-left Y'])
+                    return x + width // 2, y + height // 2
+            return None
+        return wait_until(find, what='the item in the tray')
+
+    def shown_windows(self):
+        """Titles of the program's windows on screen; a menu bears the program's name."""
+        ids = self.xdotool('search', '--onlyvisible', '--class', 'VelmoraTessel').split()
+        titles = []
+        for window in ids:
+            info = self.run(['xwininfo', '-id', window]).stdout.decode()
+            if 'IsViewable' in info and 'Width: 1\n' not in info and 'Width: 3\n' not in info:
+                titles.append(self.xdotool('getwindowname', window).strip())
+        return titles
+
+    def menu_open(self):
+        return 'VelmoraTessel' in self.shown_windows()
+
     # -- what a person sees -----------------------------------------------------
 
     def screenshot(self, path):
@@ -358,13 +436,23 @@ class Screen:
         node.queryAction().doAction(0)
         return node
 
+    def centre(self, node):
+        x, y, width, height = node.queryComponent().getExtents(self.pyatspi.DESKTOP_COORDS)
+        return x + width // 2, y + height // 2
+
+    def click(self, node, button=1):
+        """A click with the pointer in the middle of `node`."""
+        self.desktop.click(*self.centre(node), button)
+
     def type_into(self, node, text):
         node.queryEditableText().setTextContents(text)
 
     def window(self, title, timeout=20):
         """A top-level window by its title (Qt gives a plain window the role filler)."""
-        return wait_until(lambda: next((w for w in self.application() if w and w.name == title), None),
-                          timeout, what=f'the window "{title}"')
+        def shown():
+            return next((w for w in self.application() if w and w.name == title
+                         and w.getState().contains(self.pyatspi.STATE_SHOWING)), None)
+        return wait_until(shown, timeout, what=f'the window "{title}" on screen')
 
 
 class DesktopTest(unittest.TestCase):
@@ -372,9 +460,10 @@ class DesktopTest(unittest.TestCase):
     the test fails."""
     keyring = 'unlocked'
     sound = False
+    shell = None
 
     def setUp(self):
-        self.desktop = Desktop(keyring=self.keyring, sound=self.sound).start()
+        self.desktop = Desktop(keyring=self.keyring, sound=self.sound, shell=self.shell).start()
         self.addCleanup(self.desktop.stop)
         self.addCleanup(self._keep_on_failure)
 
@@ -390,12 +479,14 @@ class DesktopTest(unittest.TestCase):
 
     def _keep_on_failure(self):
         outcome = getattr(self, '_outcome', None)
-        if outcome is None or outcome.success:
+        result = getattr(outcome, 'result', None)
+        failed = result and any(test is self for test, _ in result.failures + result.errors)
+        if not failed:
             return
         folder = pathlib.Path(os.environ.get('TESSEL_ARTIFACTS', tempfile.gettempdir())) / self.id()
         folder.mkdir(parents=True, exist_ok=True)
         self.desktop.screenshot(folder / 'screen.png')
-        for name in ('app.err', 'devserver.err', 'keyring.err', 'notifications.jsonl'):
+        for name in ('app.err', 'devserver.err', 'keyring.err', 'panel.err', 'xfwm4.err', 'notifications.jsonl'):
             if (self.desktop.dir / name).exists():
                 shutil.copy(self.desktop.dir / name, folder / name)
         (folder / 'tessel.log').write_text(self.desktop.log())
