@@ -8,7 +8,7 @@ import urllib.parse
 from desktop import DesktopTest, wait_until
 
 
-class Popover(DesktopTest):
+class OnXfce(DesktopTest):
     shell = 'xfce'
 
     def open_popover(self, screen):
@@ -53,6 +53,9 @@ class Popover(DesktopTest):
         d.keys(*['Down'] * (downs + 1), 'Return')
         wait_until(lambda: not d.menu_open(), 5, what='the menu closed')
 
+
+
+class Popover(OnXfce):
     def test_sign_in_add_an_organisation_switch_and_sign_out_through_the_menus(self):
         d = self.desktop
         d.start_app()
@@ -96,6 +99,46 @@ class Popover(DesktopTest):
         # The item's click opens it again: nothing is left grabbed.
         self.open_popover(self.screen())
         self.assertEqual(d.end_app(), 0)
+
+
+class Call(OnXfce):
+    sound = True
+
+    def test_the_focus_stays_on_stop_through_five_uploads_and_the_keyboard_stops_the_call(self):
+        d = self.desktop
+        d.save_session()
+        d.start_app()
+        screen = self.screen()
+        popover = self.open_popover(screen)
+        screen.press('push button', 'Take notes on this call…', popover)
+        window = screen.window('Take notes on this call')
+        screen.type_into(screen.find('text', 'Call name', window), 'Weekly sync')
+        screen.type_into(screen.find('text', 'Who is on the other side?', window), 'Acme')
+        screen.press('check box', 'I have shared this disclosure*', window)
+        screen.press('push button', 'Start', window)
+        wait_until(lambda: 'Take notes on this call' not in d.shown_windows(), 20, what='the call started')
+
+        popover = self.open_popover(screen)
+        stop = screen.find('push button', 'Stop & write notes', popover)
+        # To Stop from the top row by Tab alone, as a keyboard user goes.
+        screen.click(screen.find('label', 'Velmora', popover))
+        for _ in range(30):
+            d.keys('Tab')
+            if stop.getState().contains(screen.pyatspi.STATE_FOCUSED):
+                break
+        self.assertTrue(stop.getState().contains(screen.pyatspi.STATE_FOCUSED), 'Tab never reached Stop')
+        stored = len(d.requests('complete'))
+        wait_until(lambda: len(d.requests('complete')) >= stored + 5, 60, 0.5, 'five segment uploads')
+        self.assertTrue(stop.getState().contains(screen.pyatspi.STATE_FOCUSED), 'the focus left Stop')
+        self.assertIn('Velmora', d.shown_windows())
+        self.picture('listening-focus-on-stop')
+
+        d.keys('space')
+        wait_until(lambda: d.requests('end'), 30, what='the call ended on the server')
+        meetings = d.control('state')['meetings']
+        self.assertEqual([m['status'] for m in meetings], ['ended'])
+        self.assertEqual(d.end_app(), 0)
+        self.assertNoSanitizerReport()
 
 
 if __name__ == '__main__':
