@@ -268,7 +268,12 @@ void PopoverView::fitHeight() {
     rows_->activate();
     const QScreen* where = screen() ? screen() : QGuiApplication::primaryScreen();
     const int room = where ? where->availableGeometry().height() : contentHeight();
-    const int height = std::min(contentHeight(), room);
+    const int wanted = contentHeight();
+    // A scroll bar only when the rows cannot fit: one shown while they would
+    // narrows them, their lines wrap again, and it would stay for nothing.
+    scroll_->setVerticalScrollBarPolicy(wanted <= room ? Qt::ScrollBarAlwaysOff
+                                                       : Qt::ScrollBarAsNeeded);
+    const int height = std::min(wanted, room);
     if (height != this->height() || minimumHeight() != height) {
         setFixedHeight(height);
     }

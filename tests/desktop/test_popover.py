@@ -90,6 +90,18 @@ class Popover(OnXfce):
         d = self.desktop
         d.start_app()
         self.screen().application()
+        # The item offers no menu of its own, so every host sends Activate on a
+        # left click (GNOME's AppIndicator opens an exported menu instead), and
+        # names a theme icon that panels recolour.
+        item = d.run(['gdbus', 'call', '--session', '--dest', 'org.kde.StatusNotifierWatcher', '--object-path',
+                      '/StatusNotifierWatcher', '--method', 'org.freedesktop.DBus.Properties.Get',
+                      'org.kde.StatusNotifierWatcher', 'RegisteredStatusNotifierItems']).stdout.decode()
+        service = item.split("'")[1].split('/')[0]
+        properties = d.run(['gdbus', 'call', '--session', '--dest', service, '--object-path', '/StatusNotifierItem',
+                            '--method', 'org.freedesktop.DBus.Properties.GetAll',
+                            'org.kde.StatusNotifierItem']).stdout.decode()
+        self.assertIn("'Menu': <objectpath '/NO_DBUSMENU'>", properties)
+        self.assertIn("'IconName': <'ai.velmora.tessel-symbolic'>", properties)
         self.open_popover(self.screen())
         d.click(900, 500)
         wait_until(lambda: 'Velmora' not in d.shown_windows(), 5, what='the popover gone')
