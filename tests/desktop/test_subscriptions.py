@@ -48,12 +48,20 @@ class SubscriptionsWindow(DesktopTest):
         self.assertEqual(d.end_app(), 0)
 
         # Without meterly the accounts tool reads; the window names meterly as missing, once.
+        missing = f'Helpers could not be installed to {d.dir}/data/Velmora/bin: Could not resolve '
         screen, window = self.open_window(self.tools('vantor-accounts'))
         line = wait_until(lambda: [t for t in screen.texts(window) if 'resolve' in t], what='the missing tool')
-        self.assertEqual(line, [f'Helpers could not be installed to {d.dir}/data/Velmora/bin: '
-                                'Could not resolve meterly.'])
+        self.assertEqual(line, [missing + 'meterly.'])
         screen.find('label', 'spare', window)
         self.picture('subscriptions-without-meterly')
+        self.assertEqual(d.end_app(), 0)
+
+        # Without either, each says so once; the saved cards stay.
+        screen, window = self.open_window(self.tools())
+        wait_until(lambda: [t for t in screen.texts(window) if t.startswith('Could not refresh')], what='the failure')
+        self.assertEqual([t for t in screen.texts(window) if 'resolve' in t],
+                         [missing + 'meterly.', missing + 'vantor-accounts.'])
+        screen.find('label', 'spare', window)
         self.assertEqual(d.end_app(), 0)
         self.assertNoSanitizerReport()
 
