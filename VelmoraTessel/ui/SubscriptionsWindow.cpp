@@ -205,12 +205,26 @@ void SubscriptionsWindow::present() {
     const MeterlySnapshot snapshot = model_->snapshot().value_or(MeterlySnapshot::emptyDashboard());
     const SubscriptionsDashboardContent content(snapshot, QDateTime::currentDateTimeUtc(),
                                                 QLocale(), QTimeZone::systemTimeZone());
+    const QPointer<QWidget> focused = focusWidget();
     presentHeader(content);
     presentCards(content);
     sidebar_->present(content);
     fetched_->setText(content.fetched);
     orderTabs();
     fitMinimumSize();
+
+    // Refresh and Switch here are disabled while a refresh runs, and Qt then
+    // moves their focus on; it comes back when they are enabled again, unless
+    // the person has moved it since.
+    if (focused && !focused->isEnabled()) {
+        parked_ = focused;
+        parkedAt_ = focusWidget();
+    } else if (parked_ && parked_->isEnabled() && parked_->isVisible()) {
+        if (focusWidget() == parkedAt_) {
+            parked_->setFocus(Qt::OtherFocusReason);
+        }
+        parked_ = nullptr;
+    }
 }
 
 // Tab goes as a person reads, header, cards, sidebar, although the widgets

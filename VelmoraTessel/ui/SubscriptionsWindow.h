@@ -105,6 +105,9 @@ private:
     SubscriptionsSidebar* sidebar_ = nullptr;
     QScrollArea* sidebarArea_ = nullptr;
     QLabel* fetched_ = nullptr;
+    // A control that lost the focus by being disabled, and where Qt put it.
+    QPointer<QWidget> parked_;
+    QPointer<QWidget> parkedAt_;
 };
 
 } // namespace tessel::app

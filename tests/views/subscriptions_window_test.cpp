@@ -56,13 +56,18 @@ struct SubscriptionsWindowTest : ::testing::Test {
     AccountsModel accounts{nullptr};
     std::unique_ptr<SubscriptionsModel> model;
 
-    static Task<ToolOutput> print(QString text) { co_return ToolOutput{text, {}, 0}; }
+    double slowness = 0;
+
+    static Task<ToolOutput> print(QString text, double seconds) {
+        co_await sleepFor(seconds);
+        co_return ToolOutput{text, {}, 0};
+    }
 
     SubscriptionsModel& build(bool meterly, const QString& notInstalled = {}) {
         std::shared_ptr<MeterlyClient> client;
         if (meterly) {
             client = MeterlyClient::create(
-                [this](QStringList, CancellationToken) { return print(answer); }, 0);
+                [this](QStringList, CancellationToken) { return print(answer, slowness); }, 0);
         }
         model = std::make_unique<SubscriptionsModel>(SubscriptionsModel::Parts{
             .client = client,
@@ -132,6 +137,28 @@ TEST_F(SubscriptionsWindowTest, ANewReadingChangesTheCardsInPlace) {
     EXPECT_TRUE(labelWithText(&window, u"57%"_s));
     EXPECT_FALSE(labelWithText(&window, u"41%"_s));
     EXPECT_FALSE(labelWithText(&window, u"team"_s));
+}
+
+// Refresh is disabled while it runs, which takes its focus away; the focus
+// comes back with the reading.
+TEST_F(SubscriptionsWindowTest, RefreshGetsItsFocusBack) {
+    build(true);
+    read(readingOf({seat(u"claude:work"_s, u"claude"_s, u"work"_s, 41, links)}));
+    SubscriptionsWindow window(*model, settings, {[](const QUrl&) {}, {}, {}});
+    window.show();
+    window.activateWindow();
+    ASSERT_TRUE(eventually([&] { return window.isActiveWindow(); }));
+    auto* refresh = window.findChild<QToolButton*>();
+    refresh->setFocus(Qt::TabFocusReason);
+    slowness = 0.3;
+    wall = wall.addSecs(61);
+    refresh->click();
+    ASSERT_TRUE(eventually([&] { return !refresh->isEnabled(); }, 2));
+    EXPECT_EQ(spokenName(refresh), u"Refreshing…"_s);
+    EXPECT_FALSE(refresh->hasFocus());
+    ASSERT_TRUE(eventually([&] { return refresh->isEnabled(); }, 5));
+    EXPECT_TRUE(eventually([&] { return refresh->hasFocus(); }, 1));
+    EXPECT_EQ(spokenName(refresh), u"Refresh"_s);
 }
 
 // A screen reader names every stop of Tab, and a badge by the provider's title.
