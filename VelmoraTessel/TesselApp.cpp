@@ -197,8 +197,7 @@ void TesselApp::addWindows() {
         }
         return new SubscriptionsWindow(
             subscriptions(), defaults_->settings(),
-            {openInDesktop, settings,
-             VantorAccountsCLI::notInstalled(environment, QDir::homePath())});
+            {openInDesktop, settings, MeterlyCLI::notInstalled(environment, QDir::homePath())});
     });
 }
 

@@ -3,6 +3,7 @@
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 
 namespace tessel {
@@ -483,8 +484,13 @@ QString MeterlyPresentation::human(const QString& text, const QList<MeterlySnaps
 }
 
 QString MeterlyPresentation::money(double amount, const std::optional<QString>& currency) {
-    // QString::number ignores the locale: always a point and two decimals.
-    const QString figure = QString::number(amount, 'f', 2);
+    // Two decimals as printf's "%.2f" gives them in the C locale: an exact half
+    // goes to the even digit (0.625 is "0.62"), where QString::number rounds it
+    // up. to_chars, unlike printf, ignores the process's locale.
+    char digits[320]; // room for the largest double written out in full
+    const auto end =
+        std::to_chars(digits, digits + sizeof digits, amount, std::chars_format::fixed, 2).ptr;
+    const QString figure = QString::fromLatin1(digits, end - digits);
     if (!currency || *currency == u"USD") {
         return u'$' + figure;
     }

@@ -8,8 +8,6 @@ namespace tessel {
 
 using namespace Qt::Literals::StringLiterals;
 
-namespace {
-
 QString providerTitle(MeterlyProvider provider) {
     switch (provider) {
     case MeterlyProvider::claude:
@@ -29,6 +27,8 @@ QString providerTitle(MeterlyProvider provider) {
     }
     return u"Other"_s;
 }
+
+namespace {
 
 // First letter of each blank-separated word upper case, the rest lower case.
 QString capitalised(const QString& text) {

@@ -10,6 +10,10 @@
 
 namespace tessel {
 
+// How a person names the provider: "Claude", "GLM" for zai, "Other" for one
+// the reading doesn't know.
+QString providerTitle(MeterlyProvider provider);
+
 struct SubscriptionSeatCardContent {
     struct Window {
         QString label;

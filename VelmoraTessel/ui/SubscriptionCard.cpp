@@ -1,5 +1,6 @@
 #include "ui/SubscriptionCard.h"
 
+#include "ui/SubscriptionFlowLayout.h"
 #include "ui/SubscriptionsSummaryRow.h"
 #include "ui/Widgets.h"
 
@@ -37,22 +38,8 @@ Badge badge(MeterlyProvider provider) {
     return {u'?', QColor(0x8a, 0x8a, 0x8a)};
 }
 
-QLabel* badgeLabel(MeterlyProvider provider, QWidget* parent) {
-    const Badge b = badge(provider);
-    auto* label = new QLabel(b.letter, parent);
-    label->setAlignment(Qt::AlignCenter);
-    label->setFixedSize(18, 18);
-    label->setAccessibleName(rawValue(provider));
-    QColor fill = b.colour;
-    fill.setAlphaF(0.18);
-    label->setStyleSheet(QStringLiteral("border: 1px solid %1; border-radius: 9px; color: %1; "
-                                        "font-weight: bold; background: %2;")
-                             .arg(b.colour.name(), fill.name(QColor::HexArgb)));
-    return label;
-}
-
-QLabel* pill(const QString& text, const QColor& colour, QWidget* parent) {
-    auto* label = new QLabel(text, parent);
+QLabel* pill(const QColor& colour, QWidget* parent) {
+    auto* label = new QLabel(parent);
     QColor fill = colour;
     fill.setAlphaF(0.12);
     const QColor ink = readableOn(colour, parent->palette().color(QPalette::Window));
@@ -62,22 +49,35 @@ QLabel* pill(const QString& text, const QColor& colour, QWidget* parent) {
     return label;
 }
 
-QLabel* small(const QString& text, QWidget* parent) {
-    QLabel* label = textLine(text, parent, true);
+QLabel* small(QWidget* parent) {
+    QLabel* label = textLine(QString(), parent, true);
     QFont font = label->font();
     font.setPointSizeF(font.pointSizeF() * 0.9);
     label->setFont(font);
     return label;
 }
 
+// Sets the text and shows the label only when there is some.
+void showText(QLabel* label, const QString& text) {
+    label->setText(text);
+    label->setVisible(!text.isEmpty());
+}
+
+} // namespace
+
 // A flat bar 6 high: a quiet track and the share filled from the left.
-class FlatBar : public QWidget {
+class SubscriptionFlatBar : public QWidget {
 public:
-    FlatBar(std::optional<double> percent, QColor colour, QWidget* parent)
-        : QWidget(parent), value_(percent ? *percent / 100 : 0), colour_(colour) {
+    explicit SubscriptionFlatBar(QWidget* parent) : QWidget(parent) {
         setMinimumWidth(20);
         setFixedHeight(6);
         setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
+    }
+
+    void present(std::optional<double> percent, const QColor& colour) {
+        value_ = percent ? *percent / 100 : 0;
+        colour_ = colour;
+        update();
     }
 
 protected:
@@ -95,11 +95,16 @@ protected:
     }
 
 private:
-    double value_;
+    double value_ = 0;
     QColor colour_;
 };
 
-} // namespace
+struct SubscriptionCard::WindowRow {
+    QLabel* label;
+    SubscriptionFlatBar* bar;
+    QLabel* value;
+    QLabel* credits;
+};
 
 QColor barColor(std::optional<double> percent, const QPalette& palette) {
     if (!percent) {
@@ -118,111 +123,211 @@ int cardColumns(double columnWidth) {
     return columnWidth >= twoColumnWidth ? 2 : 1;
 }
 
+TintDot::TintDot(QWidget* parent) : QWidget(parent) {
+    setFixedSize(6, 6);
+}
+
+void TintDot::setColour(const QColor& colour) {
+    colour_ = colour;
+    update();
+}
+
+void TintDot::paintEvent(QPaintEvent*) {
+    QPainter p(this);
+    p.setRenderHint(QPainter::Antialiasing);
+    p.setPen(Qt::NoPen);
+    p.setBrush(colour_);
+    p.drawEllipse(QRectF(rect()));
+}
+
 SubscriptionCard::SubscriptionCard(const SubscriptionsDashboardContent::Card& card,
                                    SubscriptionCardState state, std::function<void()> switchHere,
                                    std::function<void(const QUrl&)> openURL, QWidget* parent)
-    : QFrame(parent), tint_(tintColor(card.content.tint, palette())), selected_(state.selected) {
-    const SubscriptionSeatCardContent& content = card.content;
-    const auto& seat = card.seat;
+    : QFrame(parent) {
     auto* column = new QVBoxLayout(this);
     column->setContentsMargins(12, 12, 12, 12);
     column->setSpacing(8);
 
+    // The title row: badge, name and pills wrap within the room the plan leaves.
     auto* title = new QHBoxLayout;
     title->setSpacing(5);
-    title->addWidget(badgeLabel(seat.provider, this));
-    auto* name = new QLabel(content.name, this);
-    QFont headline = name->font();
+    auto* flow = new SubscriptionFlowLayout(5);
+    badge_ = new QLabel(this);
+    badge_->setAlignment(Qt::AlignCenter);
+    badge_->setFixedSize(18, 18);
+    flow->addWidget(badge_);
+    name_ = new QLabel(this);
+    QFont headline = name_->font();
     headline.setBold(true);
-    name->setFont(headline);
-    title->addWidget(name);
-    if (seat.live) {
-        title->addWidget(pill(QStringLiteral("live"), palette().color(QPalette::Highlight), this));
-    }
-    if (!seat.role.isEmpty()) {
-        title->addWidget(pill(seat.role, palette().color(QPalette::PlaceholderText), this));
-    }
-    title->addStretch();
-    if (!seat.plan.isEmpty()) {
-        QLabel* plan = small(seat.plan, this);
-        plan->setWordWrap(false);
-        plan->setMaximumWidth(72);
-        title->addWidget(plan);
-    }
+    name_->setFont(headline);
+    flow->addWidget(name_);
+    live_ = pill(palette().color(QPalette::Highlight), this);
+    live_->setText(QStringLiteral("live"));
+    flow->addWidget(live_);
+    role_ = pill(palette().color(QPalette::PlaceholderText), this);
+    flow->addWidget(role_);
+    title->addLayout(flow, 1);
+    plan_ = small(this);
+    plan_->setWordWrap(false);
+    plan_->setMaximumWidth(72);
+    title->addWidget(plan_, 0, Qt::AlignTop | Qt::AlignRight);
     column->addLayout(title);
-    for (const QString& line : {content.identity, content.lastRead}) {
-        if (!line.isEmpty()) {
-            column->addWidget(small(line, this));
+
+    identity_ = small(this);
+    column->addWidget(identity_);
+    lastRead_ = small(this);
+    column->addWidget(lastRead_);
+    error_ = textLine(QString(), this, true);
+    column->addWidget(error_);
+    windows_ = new QWidget(this);
+    windowGrid_ = new QGridLayout(windows_);
+    windowGrid_->setContentsMargins(0, 0, 0, 0);
+    windowGrid_->setHorizontalSpacing(6);
+    windowGrid_->setVerticalSpacing(8);
+    windowGrid_->setColumnStretch(1, 1);
+    column->addWidget(windows_);
+    renewal_ = small(this);
+    column->addWidget(renewal_);
+    renewalSource_ = small(this);
+    column->addWidget(renewalSource_);
+
+    adviceRow_ = new QWidget(this);
+    auto* adviceLine = new QHBoxLayout(adviceRow_);
+    adviceLine->setContentsMargins(0, 0, 0, 0);
+    adviceLine->setSpacing(6);
+    auto* dotColumn = new QVBoxLayout;
+    dotColumn->setContentsMargins(0, 5, 0, 0);
+    adviceDot_ = new TintDot(adviceRow_);
+    adviceDot_->setObjectName(QStringLiteral("adviceDot"));
+    dotColumn->addWidget(adviceDot_);
+    dotColumn->addStretch();
+    adviceLine->addLayout(dotColumn);
+    advice_ = textLine(QString(), adviceRow_);
+    adviceLine->addWidget(advice_, 1);
+    column->addWidget(adviceRow_);
+    note_ = small(this);
+    column->addWidget(note_);
+
+    buttons_ = new QWidget(this);
+    auto* buttons = new QHBoxLayout(buttons_);
+    buttons->setContentsMargins(0, 0, 0, 0);
+    buttons->setSpacing(6);
+    switchHere_ = button(QStringLiteral("Switch here"), buttons_, std::move(switchHere));
+    buttons->addWidget(switchHere_);
+    usage_ = button(QStringLiteral("Usage"), buttons_, [this, openURL] {
+        if (usageURL_) {
+            openURL(*usageURL_);
         }
+    });
+    buttons->addWidget(usage_);
+    billing_ = button(QStringLiteral("Billing"), buttons_, [this, openURL] {
+        if (billingURL_) {
+            openURL(*billingURL_);
+        }
+    });
+    buttons->addWidget(billing_);
+    buttons->addStretch();
+    column->addWidget(buttons_);
+    present(card, state);
+}
+
+SubscriptionCard::~SubscriptionCard() = default;
+
+SubscriptionCard::WindowRow& SubscriptionCard::windowRow(std::size_t index) {
+    while (windowRows_.size() <= index) {
+        const int row = int(windowRows_.size());
+        WindowRow added{small(windows_), new SubscriptionFlatBar(windows_), small(windows_),
+                        small(windows_)};
+        added.label->setFixedWidth(52);
+        added.value->setMaximumWidth(125);
+        windowGrid_->addWidget(added.label, row, 0);
+        windowGrid_->addWidget(added.bar, row, 1);
+        windowGrid_->addWidget(added.value, row, 2);
+        windowRows_.push_back(added);
     }
-    if (!content.error.isEmpty()) {
-        column->addWidget(textLine(content.error, this, true));
-    }
-    if (!content.windows.isEmpty()) {
-        auto* grid = new QGridLayout;
-        grid->setHorizontalSpacing(6);
-        grid->setVerticalSpacing(8);
-        int row = 0;
-        for (const auto& window : content.windows) {
-            QLabel* label = small(window.label, this);
-            label->setFixedWidth(52);
-            grid->addWidget(label, row, 0);
-            if (window.isCredits) {
-                grid->addWidget(small(window.value, this), row, 1, 1, 2);
-            } else {
-                auto* bar = new FlatBar(window.percent, barColor(window.percent, palette()), this);
-                bar->setAccessibleName(window.label);
-                bar->setAccessibleDescription(window.value);
-                grid->addWidget(bar, row, 1);
-                QStringList parts;
-                for (const QString& part : {window.value, window.reset}) {
-                    if (!part.isEmpty()) {
-                        parts << part;
-                    }
+    return windowRows_[index];
+}
+
+void SubscriptionCard::present(const SubscriptionsDashboardContent::Card& card,
+                               SubscriptionCardState state) {
+    const SubscriptionSeatCardContent& content = card.content;
+    const auto& seat = card.seat;
+    tint_ = tintColor(content.tint, palette());
+    selected_ = state.selected;
+    usageURL_ = content.usageURL;
+    billingURL_ = content.billingURL;
+    setAccessibleName(content.header);
+
+    const Badge b = badge(seat.provider);
+    QColor fill = b.colour;
+    fill.setAlphaF(0.18);
+    badge_->setText(b.letter);
+    badge_->setAccessibleName(providerTitle(seat.provider));
+    badge_->setStyleSheet(QStringLiteral("border: 1px solid %1; border-radius: 9px; color: %1; "
+                                         "font-weight: bold; background: %2;")
+                              .arg(b.colour.name(), fill.name(QColor::HexArgb)));
+    name_->setText(content.name);
+    live_->setVisible(seat.live);
+    showText(role_, seat.role);
+    showText(plan_, seat.plan);
+    showText(identity_, content.identity);
+    showText(lastRead_, content.lastRead);
+    showText(error_, content.error);
+
+    std::size_t index = 0;
+    for (const auto& window : content.windows) {
+        WindowRow& row = windowRow(index++);
+        row.label->setText(window.label);
+        row.label->show();
+        row.credits->setText(window.value);
+        row.credits->setVisible(window.isCredits);
+        // In the grid only while it shows: even hidden, a label across the bar's
+        // and the value's cells takes the spacing between them.
+        const bool placed = windowGrid_->indexOf(row.credits) >= 0;
+        if (window.isCredits && !placed) {
+            windowGrid_->addWidget(row.credits, int(index) - 1, 1, 1, 2);
+        } else if (!window.isCredits && placed) {
+            windowGrid_->removeWidget(row.credits);
+        }
+        row.bar->setVisible(!window.isCredits);
+        row.value->setVisible(!window.isCredits);
+        if (!window.isCredits) {
+            row.bar->present(window.percent, barColor(window.percent, palette()));
+            row.bar->setAccessibleName(window.label);
+            row.bar->setAccessibleDescription(window.value);
+            QStringList parts;
+            for (const QString& part : {window.value, window.reset}) {
+                if (!part.isEmpty()) {
+                    parts << part;
                 }
-                QLabel* value = small(parts.join(QStringLiteral(" · ")), this);
-                value->setMaximumWidth(125);
-                grid->addWidget(value, row, 2);
             }
-            ++row;
-        }
-        grid->setColumnStretch(1, 1);
-        column->addLayout(grid);
-    }
-    if (!content.renewal.isEmpty()) {
-        column->addWidget(small(content.renewal, this));
-        if (!content.renewalSource.isEmpty()) {
-            column->addWidget(small(content.renewalSource, this));
+            row.value->setText(parts.join(QStringLiteral(" · ")));
         }
     }
-    if (!content.advice.isEmpty()) {
-        auto* advice = textLine(QStringLiteral("● ") + content.advice, this);
-        column->addWidget(advice);
-    }
-    if (!content.note.isEmpty()) {
-        column->addWidget(small(content.note, this));
-    }
-    if (!content.buttons().isEmpty()) {
-        auto* buttons = new QHBoxLayout;
-        buttons->setSpacing(6);
-        if (content.canSwitch) {
-            auto* here = button(state.switching ? QStringLiteral("Switching…")
-                                                : QStringLiteral("Switch here"),
-                                this, std::move(switchHere));
-            here->setEnabled(!state.switchDisabled);
-            buttons->addWidget(here);
+    for (; index < windowRows_.size(); ++index) {
+        for (QWidget* widget : std::initializer_list<QWidget*>{
+                 windowRows_[index].label, windowRows_[index].bar, windowRows_[index].value,
+                 windowRows_[index].credits}) {
+            widget->hide();
         }
-        if (content.usageURL) {
-            buttons->addWidget(button(QStringLiteral("Usage"), this,
-                                      [openURL, url = *content.usageURL] { openURL(url); }));
-        }
-        if (content.billingURL) {
-            buttons->addWidget(button(QStringLiteral("Billing"), this,
-                                      [openURL, url = *content.billingURL] { openURL(url); }));
-        }
-        buttons->addStretch();
-        column->addLayout(buttons);
     }
+    windows_->setVisible(!content.windows.isEmpty());
+
+    showText(renewal_, content.renewal);
+    showText(renewalSource_, content.renewal.isEmpty() ? QString() : content.renewalSource);
+    advice_->setText(content.advice);
+    adviceDot_->setColour(tint_);
+    adviceRow_->setVisible(!content.advice.isEmpty());
+    showText(note_, content.note);
+
+    switchHere_->setText(state.switching ? QStringLiteral("Switching…")
+                                         : QStringLiteral("Switch here"));
+    switchHere_->setEnabled(!state.switchDisabled);
+    switchHere_->setVisible(content.canSwitch);
+    usage_->setVisible(content.usageURL.has_value());
+    billing_->setVisible(content.billingURL.has_value());
+    buttons_->setVisible(!content.buttons().isEmpty());
+    update();
 }
 
 void SubscriptionCard::paintEvent(QPaintEvent*) {

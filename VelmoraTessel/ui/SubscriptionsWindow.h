@@ -1,13 +1,16 @@
 // The "subscriptions" window: the header with the summary, the refresh and
 // its captions; the seat cards in one or two columns beside the sidebar; the
-// footer. Rebuilt on every change of the watch and every 60 s; dimmed while a
-// failed refresh is shown. Its frame is saved between runs; Escape closes it.
+// footer. Made once: every change of the watch and every 60 s show the new
+// words in the same widgets, so focus, a pressed button and a selection stay.
+// Dimmed while a failed refresh is shown. It cannot be made smaller than its
+// content at its width. Its frame is saved between runs; Escape closes it.
 #pragma once
 
 #include "subscriptions/SubscriptionsDashboardContent.h"
 #include "subscriptions/SubscriptionsModel.h"
 #include "ui/RebuildLater.h"
 
+#include <QHash>
 #include <QPointer>
 #include <QSettings>
 #include <QTimer>
@@ -15,11 +18,21 @@
 
 #include <functional>
 #include <optional>
+#include <vector>
 
+class QGraphicsEffect;
+class QGridLayout;
+class QLabel;
+class QPushButton;
 class QScrollArea;
+class QToolButton;
 class QVBoxLayout;
 
 namespace tessel::app {
+
+class SubscriptionCard;
+class SubscriptionFlowLayout;
+class SubscriptionsSidebar;
 
 class SubscriptionsWindow : public QWidget {
     Q_OBJECT
@@ -31,7 +44,7 @@ public:
         std::function<void(const QUrl&)> openURL;
         // Opens the desktop's notification settings; none hides "Enable…".
         std::function<void()> notificationSettings;
-        // What the header says when the reading tool is missing.
+        // What the header says when `meterly` is missing.
         QString notInstalled;
     };
 
@@ -47,22 +60,54 @@ protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
-    void scheduleRebuild();
-    void rebuild();
-    QWidget* header(const SubscriptionsDashboardContent& content);
-    QWidget* cards(const SubscriptionsDashboardContent& content);
+    QWidget* buildHeader();
+    void present();
+    void presentHeader(const SubscriptionsDashboardContent& content);
+    void presentCards(const SubscriptionsDashboardContent& content);
+    void placeCards();
+    void orderTabs();
+    void fitMinimumSize();
     void select(const QString& seatID);
+    void switchTo(const QString& seatID);
     void saveFrame();
 
     QPointer<SubscriptionsModel> model_;
     QSettings& settings_;
     Actions actions_;
     QTimer minute_;
-    QWidget* body_ = nullptr;
-    QScrollArea* cardsArea_ = nullptr;
     std::optional<QString> selected_;
     int columns_ = 0;
-    RebuildLater rebuildLater_{this, [this] { rebuild(); }};
+    RebuildLater updateLater_{this, [this] { present(); }};
+
+    QLabel* summary_ = nullptr;
+    QLabel* updated_ = nullptr;
+    QToolButton* refresh_ = nullptr;
+    QWidget* useNow_ = nullptr;
+    SubscriptionFlowLayout* useNowFlow_ = nullptr;
+    QHash<QString, QPushButton*> useNowButtons_; // by role
+    QHash<QString, QString> useNowSeats_;        // role to seat id
+    QStringList useNowOrder_;
+    QVBoxLayout* captions_ = nullptr;
+    std::vector<QLabel*> captionLines_;
+    QWidget* notificationsOff_ = nullptr;
+
+    QScrollArea* cardsArea_ = nullptr;
+    QWidget* cardsBox_ = nullptr;
+    QGridLayout* cardsGrid_ = nullptr;
+    QLabel* noCards_ = nullptr;
+    QHash<QString, SubscriptionCard*> cards_; // by seat id
+    QStringList cardOrder_;
+    QStringList placedOrder_;
+    int placedColumns_ = 0;
+    QHash<QString, QString> accounts_; // seat id to the account a switch names
+    QGraphicsEffect* grey_ = nullptr;
+    QGraphicsEffect* faint_ = nullptr;
+    SubscriptionsSidebar* sidebar_ = nullptr;
+    QScrollArea* sidebarArea_ = nullptr;
+    QLabel* fetched_ = nullptr;
+    // A control that lost the focus by being disabled, and where Qt put it.
+    QPointer<QWidget> parked_;
+    QPointer<QWidget> parkedAt_;
 };
 
 } // namespace tessel::app

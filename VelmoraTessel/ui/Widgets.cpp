@@ -23,7 +23,8 @@ QPushButton* button(const QString& text, QWidget* parent, std::function<void()> 
     auto* b =
         new QPushButton(QString(text).replace(QLatin1Char('&'), QStringLiteral("&&")), parent);
     QObject::connect(b, &QPushButton::clicked, parent, [action = std::move(action)] { action(); });
-    b->setAccessibleName(text);
+    // No fixed accessible name: Qt names the button by its text (the doubled
+    // ampersand read as one), so the name follows every later setText.
     return b;
 }
 

@@ -63,6 +63,10 @@ TEST_F(MeterlyPresentationTest, ResetRenewalAndMoneyTexts) {
     EXPECT_EQ(MeterlyPresentation::money(7, u"USD"_s), u"$7.00"_s);
     EXPECT_EQ(MeterlyPresentation::money(7, std::nullopt), u"$7.00"_s);
     EXPECT_EQ(MeterlyPresentation::money(7, u"EUR"_s), u"7.00 EUR"_s);
+    // As printf rounds: an exact half goes to the even digit, 2.675 lies below its half.
+    EXPECT_EQ(MeterlyPresentation::money(0.625, std::nullopt), u"$0.62"_s);
+    EXPECT_EQ(MeterlyPresentation::money(0.375, std::nullopt), u"$0.38"_s);
+    EXPECT_EQ(MeterlyPresentation::money(2.675, std::nullopt), u"$2.67"_s);
 }
 
 TEST_F(MeterlyPresentationTest, SeatsInDisplayOrderWithTheirWords) {

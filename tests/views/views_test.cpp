@@ -214,6 +214,27 @@ TEST_F(WindowsTest, StartWantsATitleBeyondBlanks) {
     EXPECT_FALSE(start->isEnabled());
 }
 
+// A screen reader hears what the button shows, after a change as before it,
+// and an ampersand as itself.
+TEST_F(WindowsTest, ButtonNamesFollowTheirText) {
+    CallWindow window(*model, [](const QString&) {});
+    window.show();
+    const auto name = [](QWidget* widget) {
+        return QAccessible::queryAccessibleInterface(widget)->text(QAccessible::Name);
+    };
+    QPushButton* copy = nullptr;
+    for (auto* button : window.findChildren<QPushButton*>()) {
+        copy = button->text() == "Copy" ? button : copy;
+    }
+    ASSERT_TRUE(copy);
+    copy->click();
+    EXPECT_EQ(copy->text(), "Copied");
+    EXPECT_EQ(name(copy), "Copied");
+    window.close();
+    EXPECT_EQ(name(copy), "Copy");
+    EXPECT_EQ(name(button("Sales & ops", &window, [] {})), "Sales & ops");
+}
+
 TEST_F(WindowsTest, ClosingLoginEndsThePolling) {
     LoginWindow window(*model, [](const QUrl&) {});
     model->setLoginURL(model->baseURL());
