@@ -62,6 +62,20 @@ class SessionBus:
                 a11y = subprocess.Popen(['/usr/libexec/at-spi-bus-launcher', '--launch-immediately'], env=env,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err)
 
+            # Ready once its own bus answers: a client that comes earlier waits
+            # for a reply that never comes and gives up on accessibility.
+            def a11y_bus_answers():
+                asked = subprocess.run(['gdbus', 'call', '--session', '--dest', 'org.a11y.Bus', '--object-path',
+                                        '/org/a11y/bus', '--method', 'org.a11y.Bus.GetAddress'],
+                                       env=env, capture_output=True, timeout=10)
+                if asked.returncode != 0:
+                    return False
+                address = asked.stdout.decode().split("'")[1]
+                return subprocess.run(['gdbus', 'call', '--address', address, '--dest', 'org.freedesktop.DBus',
+                                       '--object-path', '/org/freedesktop/DBus', '--method',
+                                       'org.freedesktop.DBus.GetId'], capture_output=True, timeout=10).returncode == 0
+            wait_until(a11y_bus_answers, 30, 0.2, 'the accessibility bus')
+
             def stop():
                 for proc in (a11y, bus):
                     proc.terminate()
