@@ -89,7 +89,7 @@ sleep 5
 measure "signed in"
 [ "$phases" -ge 3 ] || exit 0
 
-popover_opens 13 "Take notes on this call"
+popover_opens 10 "Take notes on this call"
 call=$(window "Take notes on this call")
 xdotool windowfocus --sync "$call"
 xdotool type --delay 15 "Idle bench call"
@@ -108,7 +108,7 @@ calls = json.load(sys.stdin)["meetings"]
 sys.exit(0 if calls and all(c["status"] == "ended" for c in calls) else 1)'
 }
 for attempt in 1 2 3; do
-  popover_press 13
+  popover_press 10
   for _ in $(seq 50); do call_ended && break 2; sleep 0.2; done
   echo "the call did not end (try $attempt); again" >&2
   xdotool key Escape

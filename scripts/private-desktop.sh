@@ -272,10 +272,10 @@ popover_opens() { # count title
 
 # Signs in as a person would, against the local server (start_devserver,
 # write_endpoints, stand_in_browser): Take notes without a member (the
-# popover's 13th Tab stop) opens the sign-in window, whose Sign in opens the
+# popover's 10th Tab stop) opens the sign-in window, whose Sign in opens the
 # page where the code is approved.
 sign_in_from_tray() {
-  popover_opens 13 "Sign in to Velmora"
+  popover_opens 10 "Sign in to Velmora"
   press "Sign in to Velmora" 0 Return
   approve_sign_in
   gone "Sign in to Velmora"

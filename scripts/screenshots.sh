@@ -7,8 +7,9 @@
 # infrastructure rows, the subscriptions window, the call window, the popover
 # listening, and paused for sign-in with its error notice once the session is
 # revoked. Driven by the keyboard (Tab follows the popover's rows), so a change
-# of fonts or sizes moves nothing. Writes PNGs into the folder given (default:
-# screenshots/).
+# of fonts or sizes moves nothing. Then, on xfce, the organisation and account
+# menus open and the popover of a call on a short screen. Writes PNGs into the
+# folder given (default: screenshots/).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 out=$(realpath -m "${1:-screenshots}")
@@ -74,10 +75,10 @@ grab() { # name title
 }
 
 # Tab stops of the popover, from the top: the toolbar's four buttons, then per
-# app its row and its button (Meet has no button), the inbox, the notifications
-# switch, Take notes, the infrastructure's buttons, the subscriptions row.
-take_notes=13
-infra_first=14
+# app its button (Get or Open), the inbox, the notifications switch, Take
+# notes, the infrastructure's buttons, the subscriptions row.
+take_notes=10
+infra_first=11
 
 signed_in_token() {
   secret-tool lookup service ai.velmora.tessel account acme.velmora.test |
@@ -169,3 +170,11 @@ shoot "@2x" QT_SCALE_FACTOR=2
 # The dark look a GNOME user with Adwaita-qt gets.
 shoot "-dark" QT_SCALE_FACTOR=1 QT_STYLE_OVERRIDE=Adwaita-Dark
 echo "tool runs: $VELMORA_FAKETOOL_LOG"
+
+# On xfce (xfwm4, xfce4-panel's tray), from the end-to-end tests: the
+# organisation and account menus standing open, and the popover of a call on
+# a screen shorter than its rows, scrolling (whole screens, 1280 by 800).
+(cd tests/desktop && TESSEL_BIN="$root/build/bin" TESSEL_PICTURES="$out" PYTHONDONTWRITEBYTECODE=1 \
+  /usr/bin/python3 -W ignore -m unittest test_popover >"$work/pictures.log" 2>&1) ||
+  { tail -20 "$work/pictures.log"; exit 1; }
+ls "$out"/organisation-menu.png "$out"/account-menu.png "$out"/listening-focus-on-stop.png
