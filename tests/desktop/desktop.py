@@ -252,8 +252,9 @@ class Desktop:
 
     def start_app(self, *args, env=None):
         self.app_err = self.dir / 'app.err'
+        leaks = {'LSAN_OPTIONS': f'suppressions={HERE / "lsan.supp"}'}
         with open(self.app_err, 'wb') as err:
-            self.app = subprocess.Popen([str(BIN / 'VelmoraTessel'), *args], env={**self.env, **(env or {})},
+            self.app = subprocess.Popen([str(BIN / 'VelmoraTessel'), *args], env={**self.env, **leaks, **(env or {})},
                                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err)
         return self.app
 
