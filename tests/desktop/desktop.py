@@ -7,6 +7,7 @@ The build's bin folder comes from TESSEL_BIN; TESSEL_ARTIFACTS names a folder
 for the screenshots and logs of a failed test.
 """
 import atexit
+import ctypes
 import json
 import os
 import pathlib
@@ -44,6 +45,12 @@ def wait_until(check, timeout=20.0, step=0.1, what='condition'):
         time.sleep(step)
 
 
+def die_with_parent():
+    """In a child before exec: killed when the test process ends, however it
+    ends, so no daemon outlives it holding the test runner's output open."""
+    ctypes.CDLL(None, use_errno=True).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+
+
 class SessionBus:
     """One private session bus with its accessibility bus per test process: the
     accessibility library connects once per process and never lets go."""
@@ -53,14 +60,20 @@ class SessionBus:
     def address(cls):
         if cls._address is None:
             folder = pathlib.Path(tempfile.mkdtemp(prefix='tessel-bus-'))
+            # The launcher puts its socket at $XDG_RUNTIME_DIR/at-spi/bus (else under
+            # ~/.cache): a folder of its own, or two test processes share one bus.
             env = {k: v for k, v in os.environ.items() if not k.startswith(('DBUS_', 'DISPLAY'))}
-            bus = subprocess.Popen(['dbus-daemon', '--nofork', '--print-address=1', f'--config-file={BUS_CONFIG}'],
-                                   env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+            env['XDG_RUNTIME_DIR'] = str(folder)
+            with open(folder / 'bus.err', 'wb') as err:
+                bus = subprocess.Popen(['dbus-daemon', '--nofork', '--print-address=1',
+                                        f'--config-file={BUS_CONFIG}'], env=env, stdin=subprocess.DEVNULL,
+                                       stdout=subprocess.PIPE, stderr=err, preexec_fn=die_with_parent)
             cls._address = bus.stdout.readline().decode().strip()
             env['DBUS_SESSION_BUS_ADDRESS'] = cls._address
             with open(folder / 'a11y.err', 'wb') as err:
                 a11y = subprocess.Popen(['/usr/libexec/at-spi-bus-launcher', '--launch-immediately'], env=env,
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err)
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err,
+                                        preexec_fn=die_with_parent)
 
             # Ready once its own bus answers: a client that comes earlier waits
             # for a reply that never comes and gives up on accessibility.
@@ -171,6 +184,7 @@ class Desktop:
                 files.append(open(self.dir / f'{name}.{suffix}', 'wb'))
                 kwargs[stream] = files[-1]
         kwargs.setdefault('stdin', subprocess.DEVNULL)
+        kwargs.setdefault('preexec_fn', die_with_parent)
         proc = subprocess.Popen(argv, env=env or self.env, **kwargs)
         for file in files:
             file.close()  # the child has its own
@@ -255,7 +269,8 @@ class Desktop:
         leaks = {'LSAN_OPTIONS': f'suppressions={HERE / "lsan.supp"}'}
         with open(self.app_err, 'wb') as err:
             self.app = subprocess.Popen([str(BIN / 'VelmoraTessel'), *args], env={**self.env, **leaks, **(env or {})},
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err)
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err,
+                                        preexec_fn=die_with_parent)
         return self.app
 
     def end_app(self, sig=signal.SIGTERM, timeout=15):
