@@ -18,15 +18,15 @@
 
 namespace tessel {
 
-// Fetches a URL into a file, following redirects, with no time-out of its own.
-// Gives the HTTP status of the final answer (0 when it wasn't an HTTP answer);
-// throws on transport failures and `Cancelled`.
+// Fetches a URL into a file, following redirects to HTTPS only, with no
+// time-out of its own. Gives the HTTP status of the final answer (0 when it
+// wasn't an HTTP answer); throws on transport failures and `Cancelled`.
 using Downloader =
     std::function<Task<int>(QUrl url, QString destinationPath, CancellationToken token)>;
 
 namespace ZipAppInstaller {
 
-// The real download: `HTTPClient::download`, which follows redirects.
+// The real download: `HTTPClient::download`, which follows redirects to HTTPS.
 Downloader downloader(HTTPClient client);
 
 inline const QString zipinfo = QStringLiteral("/usr/bin/zipinfo");
