@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QPointer>
+#include <QRegularExpression>
 #include <QUuid>
 
 #include <nlohmann/json.hpp>
@@ -98,6 +99,44 @@ void writeSecret(const QString& path, const QString& value) {
 
 Task<void> nothing() {
     co_return;
+}
+
+// JSON's short escapes, as patterns.
+constexpr std::pair<char32_t, const char16_t*> shortEscapes[] = {
+    {U'"', uR"(\\")"},  {U'\\', uR"(\\\\)"}, {U'/', uR"(\\/)"},  {U'\b', uR"(\\b)"},
+    {U'\f', uR"(\\f)"}, {U'\n', uR"(\\n)"},  {U'\r', uR"(\\r)"}, {U'\t', uR"(\\t)"},
+};
+
+// \uXXXX for one UTF-16 unit, its hex digits in either case.
+QString unicodeEscape(char16_t unit) {
+    QString pattern = u"\\\\u"_s;
+    for (const QChar digit : u"%1"_s.arg(uint(unit), 4, 16, QChar(u'0'))) {
+        pattern +=
+            digit.isLetter() ? u"[%1%2]"_s.arg(digit.toLower(), digit.toUpper()) : QString(digit);
+    }
+    return pattern;
+}
+
+// A secret as the tool may print it inside JSON text: each character as
+// itself or as \uXXXX (a pair of them beyond the basic plane), and those JSON
+// may shorten also as their short escapes.
+QRegularExpression jsonSpellings(const QString& value) {
+    QString pattern;
+    for (const char32_t c : value.toUcs4()) {
+        const QString character = QString::fromUcs4(&c, 1);
+        QString escaped;
+        for (const QChar unit : character) {
+            escaped += unicodeEscape(unit.unicode());
+        }
+        QStringList ways{QRegularExpression::escape(character), escaped};
+        for (const auto& [plain, shortEscape] : shortEscapes) {
+            if (c == plain) {
+                ways << QString::fromUtf16(shortEscape);
+            }
+        }
+        pattern += u"(?:"_s + ways.join(u'|') + u')';
+    }
+    return QRegularExpression(pattern);
 }
 
 } // namespace
@@ -213,25 +252,31 @@ void ConductorSecretFiles::remove() {
 }
 
 Redactor::Redactor(const ConductorSecretValues& values) {
+    QStringList plain;
     for (const auto& [secret, value] : values) {
         if (!value.isEmpty()) {
-            values_ << value;
+            plain << value;
         }
     }
-    std::stable_sort(values_.begin(), values_.end(),
+    std::stable_sort(plain.begin(), plain.end(),
                      [](const QString& a, const QString& b) { return a.size() > b.size(); });
+    for (const QString& value : plain) {
+        values_.push_back({value, jsonSpellings(value)});
+    }
 }
 
 QString Redactor::operator()(QString text) const {
-    for (const QString& value : values_) {
+    for (const auto& [value, spellings] : values_) {
         text.replace(value, u"[redacted]"_s);
+        text.replace(spellings, u"[redacted]"_s);
     }
     return text;
 }
 
 bool Redactor::reveals(const QString& text) const {
-    return std::any_of(values_.begin(), values_.end(),
-                       [&text](const QString& value) { return text.contains(value); });
+    return std::any_of(values_.begin(), values_.end(), [&text](const auto& secret) {
+        return text.contains(secret.first) || text.contains(secret.second);
+    });
 }
 
 ConductorSetupModel::ConductorSetupModel(InfraTool tool, QString tempRoot, QObject* parent)

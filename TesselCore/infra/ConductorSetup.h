@@ -11,6 +11,7 @@
 #include <QList>
 #include <QObject>
 #include <QProcessEnvironment>
+#include <QRegularExpression>
 #include <QString>
 #include <QStringList>
 #include <QUrl>
@@ -19,6 +20,8 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <utility>
+#include <vector>
 
 namespace tessel {
 
@@ -84,7 +87,9 @@ private:
 };
 
 // Replaces every secret value in a text by "[redacted]", the longest first so
-// that a value containing another leaves no piece visible.
+// that a value containing another leaves no piece visible. A value goes in
+// each of its spellings inside JSON text too: the tool's lines are JSON, and a
+// line that isn't a step is shown as it came.
 class Redactor {
 public:
     explicit Redactor(const ConductorSecretValues& values);
@@ -92,7 +97,7 @@ public:
     bool reveals(const QString& text) const;
 
 private:
-    QStringList values_;
+    std::vector<std::pair<QString, QRegularExpression>> values_;
 };
 
 class ConductorSetupModel : public QObject {

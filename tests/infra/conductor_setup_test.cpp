@@ -219,4 +219,23 @@ TEST(RedactorTest, TheLongerSecretGoesFirst) {
     EXPECT_EQ(redact(u"xabcdefy abc"_s), u"x[redacted]y [redacted]"_s);
 }
 
+// A line that isn't a step is shown as it came, so a secret may arrive in any
+// of JSON's spellings of it.
+TEST(RedactorTest, EveryJSONSpellingOfASecretGoes) {
+    const Redactor redact({{ConductorSecret::serviceToken, u"svc \"quoted\" é/🔑\\-0123456789"_s}});
+    const QString spellings[] = {
+        u"svc \"quoted\" é/🔑\\-0123456789"_s,
+        u"svc \\\"quoted\\\" é/🔑\\\\-0123456789"_s,
+        u"svc \\\"quoted\\\" \\u00e9\\/\\ud83d\\udd11\\\\-0123456789"_s,
+        u"svc \\u0022quoted\\u0022 \\u00E9/\\uD83D\\uDD11\\u005c-\\u0030123456789"_s,
+    };
+    for (const QString& spelling : spellings) {
+        EXPECT_EQ(redact(u"{\"detail\": \""_s + spelling + u"\" x"_s),
+                  u"{\"detail\": \"[redacted]\" x"_s)
+            << spelling.toStdString();
+    }
+    EXPECT_TRUE(redact.reveals(spellings[2]));
+    EXPECT_EQ(redact(u"svc \\\"quoted"_s), u"svc \\\"quoted"_s) << "a piece is not the secret";
+}
+
 } // namespace
