@@ -1,6 +1,7 @@
 #include "infra/ConductorSetup.h"
 
 #include "errors/Failures.h"
+#include "identity/PrivateFolder.h"
 #include "infra/InfraModel.h"
 
 #include <QDir>
@@ -54,23 +55,6 @@ Enum choose(const nlohmann::json& line, const char* key,
 }
 
 const QString credentialFileFailure = u"Could not create a private credential file."_s;
-
-// Makes every missing directory of an absolute path with mode 0700.
-void makePrivatePath(const QString& path) {
-    const QStringList parts = QDir::cleanPath(path).split(u'/', Qt::SkipEmptyParts);
-    QString prefix;
-    for (const QString& part : parts) {
-        prefix += u'/' + part;
-        const QByteArray native = QFile::encodeName(prefix);
-        struct stat st {};
-        if (::mkdir(native.constData(), 0700) != 0 &&
-            !(errno == EEXIST && ::stat(native.constData(), &st) == 0 && S_ISDIR(st.st_mode))) {
-            throw TesselError(
-                u"Could not create the private directory %1 — check that it can be written."_s.arg(
-                    prefix));
-        }
-    }
-}
 
 void writeSecret(const QString& path, const QString& value) {
     const int fd = ::open(QFile::encodeName(path).constData(),
@@ -213,7 +197,7 @@ bool travelsAsFile(ConductorSecret secret) {
 
 ConductorSecretFiles::ConductorSecretFiles(const ConductorSecretValues& values,
                                            const QString& root) {
-    makePrivatePath(root);
+    PrivateFolder::make(root);
     const QString directory = root + u'/' + QUuid::createUuid().toString(QUuid::WithoutBraces);
     if (::mkdir(QFile::encodeName(directory).constData(), 0700) != 0) {
         throw TesselError(credentialFileFailure);

@@ -67,8 +67,9 @@ bool travelsAsFile(ConductorSecret secret);
 // Dropping the object removes the directory, ignoring errors.
 class ConductorSecretFiles {
 public:
-    // Makes `root` (0700 where it is created), a fresh directory below it with a
-    // random name (0700) and one file per non-empty secret (0600, created
+    // Makes `root` (0700 where it is created, and refused when a folder on its
+    // way is open to other users), a fresh directory below it with a random
+    // name (0700) and one file per non-empty secret (0600, created
     // exclusively, never through a link). Throws TesselError; leaves nothing
     // behind when it does.
     ConductorSecretFiles(const ConductorSecretValues& values, const QString& root);
@@ -127,7 +128,8 @@ public:
 
     static bool isValidSlug(const QString& slug);
     // $XDG_RUNTIME_DIR/Velmora/tmp (memory-backed, owner-only), else
-    // <dataDirectory>/Velmora/tmp.
+    // <dataDirectory>/Velmora/tmp. Only a name: the folders are checked when a
+    // run makes its directory.
     static QString defaultTempRoot(const QProcessEnvironment& environment,
                                    const QString& dataDirectory);
 
