@@ -60,16 +60,25 @@ Endpoints Endpoints::production() {
     };
 }
 
+namespace {
+
+TesselError endpointsFailure(const QString& path, const QString& problem) {
+    return TesselError(
+        u"%1 file %2: %3."_s.arg(QLatin1String(Endpoints::environmentVariable), path, problem));
+}
+
+} // namespace
+
 Endpoints Endpoints::load(const QString& path) {
-    const auto fail = [&](const QString& problem) {
-        return TesselError(
-            u"%1 file %2: %3."_s.arg(QLatin1String(environmentVariable), path, problem));
-    };
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
-        throw fail(u"cannot be read (%1)"_s.arg(file.errorString()));
+        throw endpointsFailure(path, u"cannot be read (%1)"_s.arg(file.errorString()));
     }
-    const QByteArray bytes = file.readAll();
+    return decode(file.readAll(), path);
+}
+
+Endpoints Endpoints::decode(const QByteArray& bytes, const QString& path) {
+    const auto fail = [&](const QString& problem) { return endpointsFailure(path, problem); };
     json document;
     try {
         document = json::parse(bytes.constData(), bytes.constData() + bytes.size());
@@ -134,6 +143,10 @@ Endpoints Endpoints::load(const QString& path) {
     if (const auto ca = text("ca_file")) {
         // A relative path is read beside the endpoints file.
         const QString resolved = QFileInfo(QFileInfo(path).absoluteDir(), *ca).absoluteFilePath();
+        // Only a plain file: reading a device or a pipe may never end.
+        if (const QFileInfo info(resolved); info.exists() && !info.isFile()) {
+            throw fail(u"ca_file %1 is not a file"_s.arg(resolved));
+        }
         QFile certificate(resolved);
         if (!certificate.open(QIODevice::ReadOnly)) {
             throw fail(
