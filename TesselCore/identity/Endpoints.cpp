@@ -82,8 +82,9 @@ Endpoints Endpoints::decode(const QByteArray& bytes, const QString& path) {
     json document;
     try {
         document = json::parse(bytes.constData(), bytes.constData() + bytes.size());
-    } catch (const json::parse_error& error) {
-        // Without nlohmann's "[json.exception.parse_error.101] " prefix.
+    } catch (const json::exception& error) {
+        // A syntax error or a number out of range, without nlohmann's
+        // "[json.exception.parse_error.101] " prefix.
         const QString what = QString::fromUtf8(error.what());
         throw fail(u"is not JSON (%1)"_s.arg(what.mid(what.indexOf(u"] "_s) + 2)));
     }
