@@ -5,6 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential g++ cmake ninja-build pkg-config clang-format
+  clang libclang-rt-14-dev
   qt6-base-dev qcoro-qt6-dev nlohmann-json3-dev libcpp-httplib-dev libssl-dev libcurl4-openssl-dev
   libavcodec-dev libavutil-dev libswresample-dev libpulse-dev
   libsecret-1-dev libsystemd-dev

@@ -8,6 +8,8 @@
 #include <QFileInfo>
 #include <QVersionNumber>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 
 using namespace Qt::StringLiterals;
@@ -21,9 +23,14 @@ UpdateFeedEntry UpdateFeedEntry::fromJSON(const QByteArray& bytes) {
     entry.url = QUrl(json.requiredString(u"url"_s), QUrl::StrictMode);
     entry.sha256 = json.requiredString(u"sha256"_s).toLower().toLatin1();
     entry.notes = json["notes"].string().value_or(QString());
+    // fromHex skips what isn't a hex digit: the text itself must be 64 of them,
+    // or every download would fail its check.
+    const bool hex = std::all_of(entry.sha256.begin(), entry.sha256.end(), [](char c) {
+        return std::isxdigit(static_cast<unsigned char>(c));
+    });
     if (entry.version.trimmed().isEmpty() || !entry.url.isValid() ||
         (entry.url.scheme() != u"https"_s && entry.url.scheme() != u"http"_s) ||
-        QByteArray::fromHex(entry.sha256).size() != 32) {
+        entry.sha256.size() != 64 || !hex) {
         throw DecodingError(u"The update feed has no usable version, url and sha256."_s);
     }
     return entry;

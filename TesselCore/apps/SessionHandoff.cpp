@@ -1,5 +1,8 @@
 #include "apps/SessionHandoff.h"
 
+#include "errors/Failures.h"
+#include "identity/PrivateFolder.h"
+
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
@@ -7,7 +10,6 @@
 #include <QUuid>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,21 +37,6 @@ bool writeAll(int fd, const QByteArray& bytes) {
 
 } // namespace
 
-bool makePrivateDirectory(const QString& path) {
-    const QString clean =
-        QDir::cleanPath(QDir::isAbsolutePath(path) ? path : QDir::current().filePath(path));
-    QString current;
-    for (const QString& part : clean.split(u'/', Qt::SkipEmptyParts)) {
-        current += u'/' + part;
-        const QByteArray native = QFile::encodeName(current);
-        if (::mkdir(native.constData(), 0700) != 0 && errno != EEXIST) {
-            return false;
-        }
-    }
-    struct stat st {};
-    return ::stat(QFile::encodeName(clean).constData(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 std::optional<QString> write(const QString& orgHost, const TokenLookup& keychain,
                              const QString& root) {
     return write(orgHost, keychain, root, [] {
@@ -65,7 +52,12 @@ std::optional<QString> write(const QString& orgHost, const TokenLookup& keychain
     } catch (...) {
         return std::nullopt;
     }
-    if (!token || !makePrivateDirectory(root)) {
+    if (!token) {
+        return std::nullopt;
+    }
+    try {
+        PrivateFolder::make(root);
+    } catch (const Failure&) {
         return std::nullopt;
     }
     const QString path = QDir(root).filePath(fileName());

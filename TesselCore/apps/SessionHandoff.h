@@ -15,8 +15,9 @@ using TokenLookup = std::function<std::optional<QString>(const QString& orgHost)
 
 // Writes {"token", "org_host"} to a new file <UUID>.json of mode 0600 in
 // `root` (made with mode 0700 when missing) and gives its path. Never writes
-// through an existing file or link. Any failure gives none, silently: the
-// application then opens without the session.
+// through an existing file or link, nor into a folder open to other users.
+// Any failure gives none, silently: the application then opens without the
+// session.
 std::optional<QString> write(const QString& orgHost, const TokenLookup& keychain,
                              const QString& root);
 // The same with the file's name chosen by `fileName`.
@@ -26,9 +27,5 @@ std::optional<QString> write(const QString& orgHost, const TokenLookup& keychain
 // $XDG_RUNTIME_DIR/Velmora/handoff (per user, in memory, gone at logout), or
 // the data directory's Velmora/handoff where there is no runtime directory.
 QString defaultRoot(const QProcessEnvironment& environment, const QString& dataDirectory);
-
-// Creates `path` and every missing parent with mode 0700; true when it is a
-// directory afterwards. The mode of an existing directory stays.
-bool makePrivateDirectory(const QString& path);
 
 } // namespace tessel::SessionHandoff

@@ -7,13 +7,16 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QScopeGuard>
 #include <QStringDecoder>
 #include <QTemporaryFile>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 
@@ -57,20 +60,108 @@ Task<QString> run(QString path, QStringList arguments, CancellationToken token) 
     co_return output.standardOutput;
 }
 
-// zipinfo reports an archive without entries as a failure: "Empty zipfile.",
-// status 1. That is an empty listing.
-Task<QStringList> entriesOf(QString archive, CancellationToken token) {
-    const ToolInvocation invocation = systemTool(zipinfo, QStringList{u"-1"_s, archive});
+const QString unreadableListing = u"The ZIP's table of contents could not be read — download "
+                                  u"it again, or ask for an archive that zipinfo can list."_s;
+
+QString linkRefusal(const QString& entry) {
+    return u"The ZIP contains a link, %1 — applications are installed without links; ask for "
+           u"an archive that has none."_s.arg(entry);
+}
+
+std::filesystem::path nativePath(const QString& path) {
+    return QFile::encodeName(path).toStdString();
+}
+
+// Lists an archive's entries. zipinfo reports an archive without entries as a
+// failure: "Empty zipfile.", status 1. Its warnings go to standard error, so
+// the listing is read from standard output alone.
+Task<std::vector<ListedEntry>> entriesOf(QString archive, CancellationToken token) {
+    ToolInvocation invocation = systemTool(zipinfo, QStringList{u"-s"_s, u"-T"_s, archive});
+    invocation.mergeErrorIntoOutput = false;
     const ToolOutput output = co_await runTool(invocation, token);
-    if (output.exitCode == 1 && output.standardOutput.trimmed() == u"Empty zipfile."_s) {
-        co_return QStringList();
+    if (output.exitCode == 1) {
+        try {
+            if (parseListing(output.standardOutput).empty()) {
+                co_return std::vector<ListedEntry>();
+            }
+        } catch (const TesselError&) {
+            // Not the empty archive: the tool's own words follow.
+        }
     }
     if (output.exitCode != 0) {
-        throw TesselError(output.standardOutput.isEmpty()
+        const QString text = output.standardOutput + output.standardError;
+        throw TesselError(text.isEmpty()
                               ? u"%1 exited with status %2."_s.arg(zipinfo).arg(output.exitCode)
-                              : output.standardOutput);
+                              : text);
     }
-    co_return output.standardOutput.split(u'\n', Qt::SkipEmptyParts);
+    co_return parseListing(output.standardOutput);
+}
+
+// unzip makes what an entry marked as a link says; the listing should have
+// shown every one, and this catches any it didn't.
+void refuseLinks(const QString& folder) {
+    std::error_code error;
+    for (auto it = std::filesystem::recursive_directory_iterator(nativePath(folder), error);
+         !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
+        if (it->is_symlink()) {
+            const auto relative = it->path().lexically_relative(nativePath(folder));
+            throw TesselError(linkRefusal(QFile::decodeName(relative.c_str())));
+        }
+    }
+    if (error) {
+        throw SystemError(folder, error.value());
+    }
+}
+
+// Moves what unzip made into the destination, folder by folder. Whatever
+// stands in the way and isn't a folder to merge with (a link above all) is
+// replaced, never followed.
+void moveInto(const std::filesystem::path& from, const std::filesystem::path& to) {
+    std::vector<std::filesystem::path> names;
+    std::error_code error;
+    for (auto it = std::filesystem::directory_iterator(from, error);
+         !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+        names.push_back(it->path().filename());
+    }
+    if (error) {
+        throw SystemError(QFile::decodeName(from.c_str()), error.value());
+    }
+    for (const auto& name : names) {
+        const auto source = from / name;
+        const auto target = to / name;
+        struct stat existing {};
+        const bool exists = ::lstat(target.c_str(), &existing) == 0;
+        const bool folder = std::filesystem::is_directory(std::filesystem::symlink_status(source));
+        if (exists && folder && S_ISDIR(existing.st_mode)) {
+            moveInto(source, target);
+            continue;
+        }
+        if (exists && (folder || S_ISDIR(existing.st_mode))) {
+            std::filesystem::remove_all(target, error);
+        }
+        if (error || ::rename(source.c_str(), target.c_str()) != 0) {
+            throw SystemError(QFile::decodeName(target.c_str()), error ? error.value() : errno);
+        }
+    }
+}
+
+// Unzips into a fresh private folder inside the destination and moves the
+// result into place: unzip itself would follow a link that already stands at
+// the destination, left there by an earlier archive.
+Task<void> unpack(QString archive, QString directory, CancellationToken token) {
+    QByteArray staging = QFile::encodeName(directory + u"/.velmora-unpack-XXXXXX"_s);
+    if (!::mkdtemp(staging.data())) {
+        throw SystemError(directory, errno);
+    }
+    const QString folder = QFile::decodeName(staging);
+    const auto removeStaging = qScopeGuard([folder] {
+        std::error_code ignored;
+        std::filesystem::remove_all(nativePath(folder), ignored);
+    });
+    const QStringList arguments{u"-o"_s, u"-q"_s, archive, u"-d"_s, folder};
+    co_await run(unzip, arguments, token);
+    refuseLinks(folder);
+    moveInto(nativePath(folder), nativePath(directory));
 }
 
 // The answer's body as the failure's words: the text unchanged, or
@@ -107,6 +198,47 @@ QString destination(const Context& context) {
 
 QString archiveName(const VelmoraApp& app) {
     return QString(app.name).replace(u'/', u'-') + u".zip"_s;
+}
+
+std::vector<ListedEntry> parseListing(const QString& output) {
+    // "-rw-r--r--  3.0 unx  1234 tx defN 20240131.235959 Name.app/AppRun": seven
+    // fields without spaces, one space, the name, which may hold spaces too.
+    static const QRegularExpression entryLine(
+        uR"(^(\S+) +\S+ +\S+ +\d+ +\S\S +\S+ +\d{8}\.\d{6} (.+)$)"_s);
+    static const QRegularExpression sizeLine(
+        uR"(^Zip file size: \d+ bytes, number of entries: (\d+)$)"_s);
+    static const QRegularExpression totalsLine(
+        uR"(^(\d+) files?, \d+ bytes uncompressed, \d+ bytes compressed: .*%$)"_s);
+
+    QStringList lines = output.split(u'\n');
+    while (!lines.isEmpty() && lines.last().isEmpty()) {
+        lines.removeLast();
+    }
+    const auto size = lines.size() >= 3 && lines[0].startsWith(u"Archive:  "_s)
+                          ? sizeLine.match(lines[1])
+                          : QRegularExpressionMatch();
+    bool counted = false;
+    const qint64 declared = size.captured(1).toLongLong(&counted);
+    if (!counted) {
+        throw TesselError(unreadableListing);
+    }
+    if (declared == 0 && lines.size() == 3 && lines[2] == u"Empty zipfile."_s) {
+        return {};
+    }
+    const auto totals = totalsLine.match(lines.last());
+    if (lines.size() - 3 != declared || !totals.hasMatch() ||
+        totals.captured(1).toLongLong() != declared) {
+        throw TesselError(unreadableListing);
+    }
+    std::vector<ListedEntry> entries;
+    for (qsizetype i = 2; i < lines.size() - 1; ++i) {
+        const auto entry = entryLine.match(lines[i]);
+        if (!entry.hasMatch()) {
+            throw TesselError(unreadableListing);
+        }
+        entries.push_back({entry.captured(2), entry.captured(1).front()});
+    }
+    return entries;
 }
 
 bool staysInside(const QString& entry) {
@@ -170,11 +302,18 @@ Task<Installation> install(VelmoraApp app, QUrl url, Context context, Cancellati
         throw SystemError(archive, errno);
     }
 
-    const QStringList entries = co_await entriesOf(archive, token);
-    for (const QString& entry : entries) {
-        if (!staysInside(entry)) {
+    const std::vector<ListedEntry> listed = co_await entriesOf(archive, token);
+    QStringList entries;
+    for (const ListedEntry& entry : listed) {
+        if (!staysInside(entry.name)) {
             throw TesselError(u"The ZIP contains a path outside its installation directory."_s);
         }
+        // A link would let this archive, or a later one unpacked through it,
+        // write wherever it points.
+        if (entry.type == u'l') {
+            throw TesselError(linkRefusal(entry.name));
+        }
+        entries << entry.name;
     }
     const QStringList names = applicationNames(entries);
     if (names.isEmpty()) {
@@ -183,8 +322,7 @@ Task<Installation> install(VelmoraApp app, QUrl url, Context context, Cancellati
 
     const QString directory = destination(context);
     makeDirectory(directory);
-    const QStringList unzipArguments{u"-o"_s, u"-q"_s, archive, u"-d"_s, directory};
-    co_await run(unzip, unzipArguments, token);
+    co_await unpack(archive, directory, token);
 
     std::optional<QString> application;
     if (app.bundleID) {

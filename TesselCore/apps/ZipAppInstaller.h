@@ -1,8 +1,9 @@
 // Installs a sibling application offered as a ZIP archive: downloads it into
 // ~/Downloads, proves from its table of contents that every entry stays inside
-// the installation directory, unpacks it with the system's unzip into
-// ~/Applications and finds the application (an AppDir, "Name.app/") that came
-// out of it. A system folder is never written, even when it could be.
+// the installation directory and that none is a link, unpacks it with the
+// system's unzip into ~/Applications and finds the application (an AppDir,
+// "Name.app/") that came out of it. A system folder is never written, even
+// when it could be.
 #pragma once
 
 #include "apps/AppRegistry.h"
@@ -15,18 +16,19 @@
 
 #include <functional>
 #include <optional>
+#include <vector>
 
 namespace tessel {
 
-// Fetches a URL into a file, following redirects, with no time-out of its own.
-// Gives the HTTP status of the final answer (0 when it wasn't an HTTP answer);
-// throws on transport failures and `Cancelled`.
+// Fetches a URL into a file, following redirects to HTTPS only, with no
+// time-out of its own. Gives the HTTP status of the final answer (0 when it
+// wasn't an HTTP answer); throws on transport failures and `Cancelled`.
 using Downloader =
     std::function<Task<int>(QUrl url, QString destinationPath, CancellationToken token)>;
 
 namespace ZipAppInstaller {
 
-// The real download: `HTTPClient::download`, which follows redirects.
+// The real download: `HTTPClient::download`, which follows redirects to HTTPS.
 Downloader downloader(HTTPClient client);
 
 inline const QString zipinfo = QStringLiteral("/usr/bin/zipinfo");
@@ -56,6 +58,19 @@ QString archiveName(const VelmoraApp& app);
 // a URLError for an answer that isn't HTTP, a SystemError of a file operation
 // or a ToolLaunchError.
 Task<Installation> install(VelmoraApp app, QUrl url, Context context, CancellationToken token = {});
+
+// One entry of the archive's table of contents as zipinfo lists it.
+struct ListedEntry {
+    QString name; // as zipinfo prints it: a control character as ^X
+    QChar type;   // the first letter of its permissions: 'd' folder, 'l' link, '-' file, …
+
+    bool operator==(const ListedEntry&) const = default;
+};
+
+// The entries of `zipinfo -s -T`: two lines of header, one line per entry,
+// the totals. Throws TesselError when a line is not of that form or the count
+// disagrees with the header: an entry left unread would go unchecked.
+std::vector<ListedEntry> parseListing(const QString& output);
 
 // The checks on an archive's entry names, in order of use.
 bool staysInside(const QString& entry);

@@ -71,58 +71,40 @@ Task<PollResult> DeviceLogin::pollOnce(DeviceGrant grant, CancellationToken toke
     return pollOnce(*this, std::move(grant), std::move(token));
 }
 
-Task<DeviceGrant> DeviceLogin::requestCode(DeviceLogin self, CancellationToken token) {
-    const QByteArray body = JSON(JSON::Object{{u"client_name"_s, self.clientName_}}).dump();
-    const JSON answer =
-        JSON::parse(co_await self.http_.checked(self.post(u"v1/auth/device/code"_s, body), token));
-
-    QString verification = appendingPath(self.authURL_, u"device"_s).toString();
+DeviceGrant DeviceLogin::grantFrom(const JSON& answer, const QUrl& authURL) {
+    QString verification = appendingPath(authURL, u"device"_s).toString();
     if (const auto complete = answer["verification_uri_complete"].string()) {
         verification = *complete;
     } else if (const auto plain = answer["verification_uri"].string()) {
         verification = *plain;
     }
-    checkVerificationURL(verification, self.authURL_);
+    checkVerificationURL(verification, authURL);
 
     const double expiresIn = answer["expires_in"].number().value_or(maxGrantSeconds);
     const auto interval = answer["interval"].number();
     if (!(expiresIn > 0) || (interval && !(*interval > 0))) {
         throw TesselError(u"The sign-in code is already expired — request a fresh code."_s);
     }
-    co_return DeviceGrant{answer.requiredString(u"device_code"_s),
-                          answer.requiredString(u"user_code"_s), QUrl(verification),
-                          std::min(expiresIn, maxGrantSeconds), interval.value_or(5.0)};
+    return DeviceGrant{answer.requiredString(u"device_code"_s),
+                       answer.requiredString(u"user_code"_s), QUrl(verification),
+                       std::min(expiresIn, maxGrantSeconds), interval.value_or(5.0)};
 }
 
-Task<PollResult> DeviceLogin::pollOnce(DeviceLogin self, DeviceGrant grant,
-                                       CancellationToken token) {
-    const QByteArray body =
-        JSON(JSON::Object{{u"device_code"_s, grant.deviceCode}, {u"grant_type"_s, grantType}})
-            .dump();
-    HTTPRequest request = self.post(u"v1/auth/device/token"_s, body);
-    // Waiting for approval is how every sign-in begins, not a failure to log.
-    request.expectedRefusal = [](const HTTPResponse& answer) {
-        try {
-            return isPending(JSON::parse(answer.body));
-        } catch (const std::exception&) {
-            return false;
-        }
-    };
-    const HTTPResponse response = co_await self.http_.send(std::move(request), token);
+PollResult DeviceLogin::pollResultFrom(const HTTPResponse& response, const QDateTime& now) {
     const JSON answer = JSON::parse(response.body);
 
     if (const auto error = answer["error"].string()) {
         if (isPending(answer)) {
-            co_return PollResult{PollResult::Kind::pending, {}};
+            return PollResult{PollResult::Kind::pending, {}};
         }
         if (*error == u"slow_down"_s) {
-            co_return PollResult{PollResult::Kind::slowDown, {}};
+            return PollResult{PollResult::Kind::slowDown, {}};
         }
         if (*error == u"expired_token"_s) {
-            co_return PollResult{PollResult::Kind::expired, {}};
+            return PollResult{PollResult::Kind::expired, {}};
         }
         if (*error == u"access_denied"_s) {
-            co_return PollResult{PollResult::Kind::denied, {}};
+            return PollResult{PollResult::Kind::denied, {}};
         }
         throw TesselError(u"Sign-in refused: %1 — request a new code or ask your organisation "
                           u"administrator to restore member access."_s.arg(*error));
@@ -143,7 +125,7 @@ Task<PollResult> DeviceLogin::pollOnce(DeviceLogin self, DeviceGrant grant,
     double lifetime = maxSessionSeconds;
     if (const auto expiresIn = answer["expires_in"].number()) {
         if (!(*expiresIn > 0)) {
-            co_return PollResult{PollResult::Kind::expired, {}};
+            return PollResult{PollResult::Kind::expired, {}};
         }
         lifetime = std::min(*expiresIn, maxSessionSeconds);
     }
@@ -151,8 +133,33 @@ Task<PollResult> DeviceLogin::pollOnce(DeviceLogin self, DeviceGrant grant,
     if (!email) {
         email = answer["user"]["email"].string();
     }
-    co_return PollResult::success(MemberSession{
-        *sessionToken, email, self.clock_.wallClock().addMSecs(std::llround(lifetime * 1000))});
+    return PollResult::success(
+        MemberSession{*sessionToken, email, now.addMSecs(std::llround(lifetime * 1000))});
+}
+
+Task<DeviceGrant> DeviceLogin::requestCode(DeviceLogin self, CancellationToken token) {
+    const QByteArray body = JSON(JSON::Object{{u"client_name"_s, self.clientName_}}).dump();
+    const JSON answer =
+        JSON::parse(co_await self.http_.checked(self.post(u"v1/auth/device/code"_s, body), token));
+    co_return grantFrom(answer, self.authURL_);
+}
+
+Task<PollResult> DeviceLogin::pollOnce(DeviceLogin self, DeviceGrant grant,
+                                       CancellationToken token) {
+    const QByteArray body =
+        JSON(JSON::Object{{u"device_code"_s, grant.deviceCode}, {u"grant_type"_s, grantType}})
+            .dump();
+    HTTPRequest request = self.post(u"v1/auth/device/token"_s, body);
+    // Waiting for approval is how every sign-in begins, not a failure to log.
+    request.expectedRefusal = [](const HTTPResponse& answer) {
+        try {
+            return isPending(JSON::parse(answer.body));
+        } catch (const std::exception&) {
+            return false;
+        }
+    };
+    const HTTPResponse response = co_await self.http_.send(std::move(request), token);
+    co_return pollResultFrom(response, self.clock_.wallClock());
 }
 
 Task<MemberSession> DeviceLogin::signIn(DeviceGrant grant, CancellationToken token) const {

@@ -8,6 +8,7 @@
 #include "async/Async.h"
 #include "identity/MemberSession.h"
 #include "net/HTTPClient.h"
+#include "net/JSON.h"
 
 #include <QUrl>
 
@@ -65,6 +66,12 @@ public:
     using PollOperation = std::function<Task<PollResult>()>;
     static Task<MemberSession> poll(DeviceGrant grant, NowFunction now, SleepFunction sleep,
                                     PollOperation operation, CancellationToken token = {});
+
+    // The service's answers, read: to the code request (throws TesselError
+    // for one this program can't use) and to one poll at `now` (throws
+    // DecodingError, TesselError or HTTPFailure).
+    static DeviceGrant grantFrom(const JSON& answer, const QUrl& authURL);
+    static PollResult pollResultFrom(const HTTPResponse& response, const QDateTime& now);
 
     const QUrl& authURL() const { return authURL_; }
     const HTTPClient& http() const { return http_; }

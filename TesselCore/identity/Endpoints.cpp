@@ -60,21 +60,31 @@ Endpoints Endpoints::production() {
     };
 }
 
+namespace {
+
+TesselError endpointsFailure(const QString& path, const QString& problem) {
+    return TesselError(
+        u"%1 file %2: %3."_s.arg(QLatin1String(Endpoints::environmentVariable), path, problem));
+}
+
+} // namespace
+
 Endpoints Endpoints::load(const QString& path) {
-    const auto fail = [&](const QString& problem) {
-        return TesselError(
-            u"%1 file %2: %3."_s.arg(QLatin1String(environmentVariable), path, problem));
-    };
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
-        throw fail(u"cannot be read (%1)"_s.arg(file.errorString()));
+        throw endpointsFailure(path, u"cannot be read (%1)"_s.arg(file.errorString()));
     }
-    const QByteArray bytes = file.readAll();
+    return decode(file.readAll(), path);
+}
+
+Endpoints Endpoints::decode(const QByteArray& bytes, const QString& path) {
+    const auto fail = [&](const QString& problem) { return endpointsFailure(path, problem); };
     json document;
     try {
         document = json::parse(bytes.constData(), bytes.constData() + bytes.size());
-    } catch (const json::parse_error& error) {
-        // Without nlohmann's "[json.exception.parse_error.101] " prefix.
+    } catch (const json::exception& error) {
+        // A syntax error or a number out of range, without nlohmann's
+        // "[json.exception.parse_error.101] " prefix.
         const QString what = QString::fromUtf8(error.what());
         throw fail(u"is not JSON (%1)"_s.arg(what.mid(what.indexOf(u"] "_s) + 2)));
     }
@@ -134,6 +144,10 @@ Endpoints Endpoints::load(const QString& path) {
     if (const auto ca = text("ca_file")) {
         // A relative path is read beside the endpoints file.
         const QString resolved = QFileInfo(QFileInfo(path).absoluteDir(), *ca).absoluteFilePath();
+        // Only a plain file: reading a device or a pipe may never end.
+        if (const QFileInfo info(resolved); info.exists() && !info.isFile()) {
+            throw fail(u"ca_file %1 is not a file"_s.arg(resolved));
+        }
         QFile certificate(resolved);
         if (!certificate.open(QIODevice::ReadOnly)) {
             throw fail(

@@ -35,6 +35,9 @@ struct Endpoints {
     // The production values overridden by the file; throws TesselError with one
     // line naming the file and what is wrong with it.
     static Endpoints load(const QString& path);
+    // The same for the file's bytes; `path` names it in the words and places a
+    // relative ca_file.
+    static Endpoints decode(const QByteArray& bytes, const QString& path);
     // `load` of the file VELMORA_TESSEL_ENDPOINTS names, else `production`.
     static Endpoints fromEnvironment(const std::function<QString(const char*)>& getenv);
     static Endpoints fromEnvironment();

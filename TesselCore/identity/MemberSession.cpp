@@ -34,7 +34,11 @@ MemberSession MemberSession::fromJSON(const QByteArray& bytes) {
     const auto token = json["token"].string();
     const auto seconds = json["expiresAt"].number();
     const JSON& email = json["email"];
-    if (!token || !seconds || !std::isfinite(*seconds) || !(email.isNull() || email.string())) {
+    // Past some thousands of years the milliseconds no longer fit the clock's
+    // integer: such a date is no session's.
+    constexpr double maxSeconds = 1e11;
+    if (!token || !seconds || !(std::fabs(*seconds) <= maxSeconds) ||
+        !(email.isNull() || email.string())) {
         throw DecodingError(u"The stored session is not a member session."_s);
     }
     return MemberSession{*token, email.string(),

@@ -1,11 +1,13 @@
 #include "infra/ConductorSetup.h"
 
 #include "errors/Failures.h"
+#include "identity/PrivateFolder.h"
 #include "infra/InfraModel.h"
 
 #include <QDir>
 #include <QFile>
 #include <QPointer>
+#include <QRegularExpression>
 #include <QUuid>
 
 #include <nlohmann/json.hpp>
@@ -54,23 +56,6 @@ Enum choose(const nlohmann::json& line, const char* key,
 
 const QString credentialFileFailure = u"Could not create a private credential file."_s;
 
-// Makes every missing directory of an absolute path with mode 0700.
-void makePrivatePath(const QString& path) {
-    const QStringList parts = QDir::cleanPath(path).split(u'/', Qt::SkipEmptyParts);
-    QString prefix;
-    for (const QString& part : parts) {
-        prefix += u'/' + part;
-        const QByteArray native = QFile::encodeName(prefix);
-        struct stat st {};
-        if (::mkdir(native.constData(), 0700) != 0 &&
-            !(errno == EEXIST && ::stat(native.constData(), &st) == 0 && S_ISDIR(st.st_mode))) {
-            throw TesselError(
-                u"Could not create the private directory %1 — check that it can be written."_s.arg(
-                    prefix));
-        }
-    }
-}
-
 void writeSecret(const QString& path, const QString& value) {
     const int fd = ::open(QFile::encodeName(path).constData(),
                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
@@ -98,6 +83,44 @@ void writeSecret(const QString& path, const QString& value) {
 
 Task<void> nothing() {
     co_return;
+}
+
+// JSON's short escapes, as patterns.
+constexpr std::pair<char32_t, const char16_t*> shortEscapes[] = {
+    {U'"', uR"(\\")"},  {U'\\', uR"(\\\\)"}, {U'/', uR"(\\/)"},  {U'\b', uR"(\\b)"},
+    {U'\f', uR"(\\f)"}, {U'\n', uR"(\\n)"},  {U'\r', uR"(\\r)"}, {U'\t', uR"(\\t)"},
+};
+
+// \uXXXX for one UTF-16 unit, its hex digits in either case.
+QString unicodeEscape(char16_t unit) {
+    QString pattern = u"\\\\u"_s;
+    for (const QChar digit : u"%1"_s.arg(uint(unit), 4, 16, QChar(u'0'))) {
+        pattern +=
+            digit.isLetter() ? u"[%1%2]"_s.arg(digit.toLower(), digit.toUpper()) : QString(digit);
+    }
+    return pattern;
+}
+
+// A secret as the tool may print it inside JSON text: each character as
+// itself or as \uXXXX (a pair of them beyond the basic plane), and those JSON
+// may shorten also as their short escapes.
+QRegularExpression jsonSpellings(const QString& value) {
+    QString pattern;
+    for (const char32_t c : value.toUcs4()) {
+        const QString character = QString::fromUcs4(&c, 1);
+        QString escaped;
+        for (const QChar unit : character) {
+            escaped += unicodeEscape(unit.unicode());
+        }
+        QStringList ways{QRegularExpression::escape(character), escaped};
+        for (const auto& [plain, shortEscape] : shortEscapes) {
+            if (c == plain) {
+                ways << QString::fromUtf16(shortEscape);
+            }
+        }
+        pattern += u"(?:"_s + ways.join(u'|') + u')';
+    }
+    return QRegularExpression(pattern);
 }
 
 } // namespace
@@ -174,7 +197,7 @@ bool travelsAsFile(ConductorSecret secret) {
 
 ConductorSecretFiles::ConductorSecretFiles(const ConductorSecretValues& values,
                                            const QString& root) {
-    makePrivatePath(root);
+    PrivateFolder::make(root);
     const QString directory = root + u'/' + QUuid::createUuid().toString(QUuid::WithoutBraces);
     if (::mkdir(QFile::encodeName(directory).constData(), 0700) != 0) {
         throw TesselError(credentialFileFailure);
@@ -213,25 +236,31 @@ void ConductorSecretFiles::remove() {
 }
 
 Redactor::Redactor(const ConductorSecretValues& values) {
+    QStringList plain;
     for (const auto& [secret, value] : values) {
         if (!value.isEmpty()) {
-            values_ << value;
+            plain << value;
         }
     }
-    std::stable_sort(values_.begin(), values_.end(),
+    std::stable_sort(plain.begin(), plain.end(),
                      [](const QString& a, const QString& b) { return a.size() > b.size(); });
+    for (const QString& value : plain) {
+        values_.push_back({value, jsonSpellings(value)});
+    }
 }
 
 QString Redactor::operator()(QString text) const {
-    for (const QString& value : values_) {
+    for (const auto& [value, spellings] : values_) {
         text.replace(value, u"[redacted]"_s);
+        text.replace(spellings, u"[redacted]"_s);
     }
     return text;
 }
 
 bool Redactor::reveals(const QString& text) const {
-    return std::any_of(values_.begin(), values_.end(),
-                       [&text](const QString& value) { return text.contains(value); });
+    return std::any_of(values_.begin(), values_.end(), [&text](const auto& secret) {
+        return text.contains(secret.first) || text.contains(secret.second);
+    });
 }
 
 ConductorSetupModel::ConductorSetupModel(InfraTool tool, QString tempRoot, QObject* parent)

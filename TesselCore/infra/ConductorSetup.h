@@ -11,6 +11,7 @@
 #include <QList>
 #include <QObject>
 #include <QProcessEnvironment>
+#include <QRegularExpression>
 #include <QString>
 #include <QStringList>
 #include <QUrl>
@@ -19,6 +20,8 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <utility>
+#include <vector>
 
 namespace tessel {
 
@@ -64,8 +67,9 @@ bool travelsAsFile(ConductorSecret secret);
 // Dropping the object removes the directory, ignoring errors.
 class ConductorSecretFiles {
 public:
-    // Makes `root` (0700 where it is created), a fresh directory below it with a
-    // random name (0700) and one file per non-empty secret (0600, created
+    // Makes `root` (0700 where it is created, and refused when a folder on its
+    // way is open to other users), a fresh directory below it with a random
+    // name (0700) and one file per non-empty secret (0600, created
     // exclusively, never through a link). Throws TesselError; leaves nothing
     // behind when it does.
     ConductorSecretFiles(const ConductorSecretValues& values, const QString& root);
@@ -84,7 +88,9 @@ private:
 };
 
 // Replaces every secret value in a text by "[redacted]", the longest first so
-// that a value containing another leaves no piece visible.
+// that a value containing another leaves no piece visible. A value goes in
+// each of its spellings inside JSON text too: the tool's lines are JSON, and a
+// line that isn't a step is shown as it came.
 class Redactor {
 public:
     explicit Redactor(const ConductorSecretValues& values);
@@ -92,7 +98,7 @@ public:
     bool reveals(const QString& text) const;
 
 private:
-    QStringList values_;
+    std::vector<std::pair<QString, QRegularExpression>> values_;
 };
 
 class ConductorSetupModel : public QObject {
@@ -122,7 +128,8 @@ public:
 
     static bool isValidSlug(const QString& slug);
     // $XDG_RUNTIME_DIR/Velmora/tmp (memory-backed, owner-only), else
-    // <dataDirectory>/Velmora/tmp.
+    // <dataDirectory>/Velmora/tmp. Only a name: the folders are checked when a
+    // run makes its directory.
     static QString defaultTempRoot(const QProcessEnvironment& environment,
                                    const QString& dataDirectory);
 

@@ -157,6 +157,10 @@ Task<std::pair<QString, QString>> MeetAPI::begin(QString meeting, bool started, 
 Task<std::vector<OpenCall>> MeetAPI::liveTesselMeetings() const {
     const MeetAPI api = *this;
     const JSON answer = co_await api.call(QString(), methodGET);
+    co_return openCalls(answer);
+}
+
+std::vector<OpenCall> MeetAPI::openCalls(const JSON& answer) {
     std::vector<OpenCall> calls;
     for (const JSON& meeting : answer["meetings"].array()) {
         if (meeting["kind"].string() != u"tessel"_s || meeting["status"].string() != u"live"_s ||
@@ -170,7 +174,7 @@ Task<std::vector<OpenCall>> MeetAPI::liveTesselMeetings() const {
         call.startedAt = internetDate(meeting["started_at"]);
         calls.push_back(std::move(call));
     }
-    co_return calls;
+    return calls;
 }
 
 Task<void> MeetAPI::stopOpenCall(QString id) const {

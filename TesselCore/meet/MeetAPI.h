@@ -72,6 +72,9 @@ public:
                                             Progress progress) const;
 
     Task<std::vector<OpenCall>> liveTesselMeetings() const;
+    // The calls of a list answer that are this program's, live, with the
+    // member as host; throws TesselError for one without its id or title.
+    static std::vector<OpenCall> openCalls(const JSON& answer);
 
     // Closes a call left by another run, with no audio and no session behind it.
     Task<void> stopOpenCall(QString id) const;

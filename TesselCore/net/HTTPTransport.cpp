@@ -347,12 +347,14 @@ Task<int> HTTPTransport::download(QUrl url, QString path, CancellationToken toke
     t.idleLimit = std::numeric_limits<double>::infinity();
 
     // Unlike a request of the meet API, a download follows redirects and may be
-    // sent again: fetching a file changes nothing on the server.
+    // sent again: fetching a file changes nothing on the server. A redirect
+    // leads only to HTTPS: one to plain HTTP would hand the file to anyone on
+    // the way.
     CURL* easy = t.easy;
     curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
     curl_easy_setopt(easy, CURLOPT_URL, t.url.constData());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "https");
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 20L);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
@@ -375,6 +377,16 @@ Task<int> HTTPTransport::download(QUrl url, QString path, CancellationToken toke
     }
     if (t.fileError != 0) {
         throw SystemError(path, t.fileError);
+    }
+    long redirects = 0;
+    curl_easy_getinfo(easy, CURLINFO_REDIRECT_COUNT, &redirects);
+    if (t.result == CURLE_UNSUPPORTED_PROTOCOL && redirects > 0) {
+        const char* next = nullptr;
+        curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &next);
+        throw URLError(URLError::protocolFailure,
+                       u"The download was redirected to %1, which is not HTTPS — it was stopped "
+                       u"there; tell the people who run %2."_s.arg(
+                           QString::fromUtf8(next ? next : ""), url.host()));
     }
     if (t.result != CURLE_OK) {
         throw urlErrorFor(t);

@@ -130,7 +130,11 @@ Task<QByteArray> NotifyAPI::send(QString suffix, std::optional<qint64> limit,
 
 Task<qint64> NotifyAPI::count() const {
     const QByteArray answer = co_await send(u"/count"_s, std::nullopt, std::nullopt);
-    co_return requiredInteger(parseObject(answer, "count"), "unread", "count");
+    co_return decodeCount(answer);
+}
+
+qint64 NotifyAPI::decodeCount(const QByteArray& body) {
+    return requiredInteger(parseObject(body, "count"), "unread", "count");
 }
 
 Task<std::vector<NotifyFeedRow>> NotifyAPI::feed(qint64 limit) const {

@@ -59,6 +59,8 @@ public:
     // The rows of a feed answer; throws DecodingError when a required key is
     // missing or of the wrong kind.
     static std::vector<NotifyFeedRow> decodeFeed(const QByteArray& body);
+    // The unread count of a count answer; throws DecodingError.
+    static qint64 decodeCount(const QByteArray& body);
 
 private:
     // One request: path suffix, query, and a JSON body for a POST.

@@ -26,7 +26,9 @@ bool endsAttempts(const std::exception_ptr& error) {
     }
 }
 
-QUrl checkedUploadURL(const JSON& answer) {
+} // namespace
+
+QUrl SegmentUploader::uploadURL(const JSON& answer) {
     const QUrl url(answer.requiredString(u"upload_url"_s), QUrl::StrictMode);
     if (!url.isValid() || url.scheme().isEmpty() || url.host().isEmpty()) {
         throw TesselError(
@@ -42,8 +44,6 @@ QUrl checkedUploadURL(const JSON& answer) {
     }
     return url;
 }
-
-} // namespace
 
 SegmentUploader::SegmentUploader(MeetAPI api, QString meeting, QString recording,
                                  SleepFunction sleep)
@@ -72,7 +72,7 @@ Task<void> SegmentUploader::upload(AudioSegment segment, CancellationToken token
             }
             const QString segmentID = presigned.requiredString(u"segment_id"_s);
             HTTPRequest put;
-            put.url = checkedUploadURL(presigned);
+            put.url = uploadURL(presigned);
             put.method = methodPUT;
             put.timeout = 60;
             put.body = segment.bytes;

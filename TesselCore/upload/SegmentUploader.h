@@ -17,6 +17,10 @@ public:
     // Returns when the server has the segment; throws what ended the attempts.
     Task<void> upload(AudioSegment segment, CancellationToken token = {}) const;
 
+    // Where a presign answer says to PUT: HTTPS, or HTTP on loopback only.
+    // Throws TesselError for anything else.
+    static QUrl uploadURL(const JSON& presigned);
+
 private:
     MeetAPI api_;
     QString meeting_;

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <stdexcept>
 
@@ -87,6 +88,31 @@ TEST(SessionHandoffTest, NeverWritesThroughAnExistingFileOrLink) {
     }
     EXPECT_EQ(QFileInfo(target).size(), 0);
     EXPECT_EQ(modeOf(root), 0750u); // an existing directory keeps its mode
+}
+
+// The runtime folder comes from the environment; another user may own it or
+// the Velmora folder in it.
+TEST(SessionHandoffTest, NeverWritesIntoAFolderOpenToOthers) {
+    QTemporaryDir home;
+    const QString shared = home.filePath(u"shared"_s);
+    ASSERT_TRUE(QDir().mkpath(shared));
+    ASSERT_EQ(::chmod(QFile::encodeName(shared).constData(), 0777), 0);
+    QProcessEnvironment environment;
+    environment.insert(u"XDG_RUNTIME_DIR"_s, shared);
+    const QString root = SessionHandoff::defaultRoot(environment, home.filePath(u"data"_s));
+    EXPECT_EQ(SessionHandoff::write(u"acme.velmora.ai"_s, stored, root), std::nullopt);
+    EXPECT_FALSE(QFileInfo::exists(shared + u"/Velmora"_s));
+
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can give a folder to another user";
+    }
+    ASSERT_EQ(::chmod(QFile::encodeName(shared).constData(), 0700), 0);
+    const QByteArray velmora = QFile::encodeName(shared + u"/Velmora"_s);
+    ASSERT_EQ(::mkdir(velmora.constData(), 0777), 0);
+    ASSERT_EQ(::chmod(velmora.constData(), 0777), 0);
+    ASSERT_EQ(::chown(velmora.constData(), 65534, 65534), 0);
+    EXPECT_EQ(SessionHandoff::write(u"acme.velmora.ai"_s, stored, root), std::nullopt);
+    EXPECT_FALSE(QFileInfo::exists(root));
 }
 
 } // namespace

@@ -80,6 +80,25 @@ TEST(ZipNamesTest, EntriesNameTheBundlesThatHoldThem) {
     EXPECT_FALSE(ZipAppInstaller::isArchive(QUrl(u"https://h/desktop"_s)));
 }
 
+// An entry left unread would go unchecked: the listing is read whole or refused.
+TEST(ZipNamesTest, TheListingIsReadWholeOrNotAtAll) {
+    const QString head = u"Archive:  a.zip\nZip file size: 733 bytes, number of entries: 2\n"_s;
+    const QString link =
+        u"lrwxrwxrwx  2.0 unx       23 b- stor 19800101.000000 Other.app/share\n"_s;
+    const QString spaced =
+        u"-rw-r--r--  2.0 unx        1 b- defN 19800101.000000   a 19800101.000000 b\n"_s;
+    const QString totals = u"2 files, 24 bytes uncompressed, 24 bytes compressed:  0.0%\n"_s;
+    using Entry = ZipAppInstaller::ListedEntry;
+    EXPECT_EQ(
+        ZipAppInstaller::parseListing(head + link + spaced + totals),
+        (std::vector<Entry>{{u"Other.app/share"_s, u'l'}, {u"  a 19800101.000000 b"_s, u'-'}}));
+    for (const QString& broken :
+         {head + link + totals, head + link + u"warning\n"_s + spaced + totals,
+          head + link + spaced, link + spaced + totals}) {
+        EXPECT_THROW(ZipAppInstaller::parseListing(broken), TesselError) << broken.toStdString();
+    }
+}
+
 TEST_F(ZipInstallerTest, EveryPathIsCheckedBeforeAnythingIsUnpacked) {
     const auto app = test::appDir(u"Lookout"_s, u"ai.velmora.lookout"_s);
     const QString outside = u"The ZIP contains a path outside its installation directory."_s;
@@ -99,6 +118,34 @@ TEST_F(ZipInstallerTest, EveryPathIsCheckedBeforeAnythingIsUnpacked) {
         EXPECT_EQ(outcome(), c.outcome);
         EXPECT_FALSE(QFileInfo::exists(home.filePath(u"Applications"_s))) << "unpacked";
     }
+}
+
+// A link in one archive would let a later one write wherever it points.
+TEST_F(ZipInstallerTest, ALinkIsRefusedAndOneAlreadyThereIsNeverFollowed) {
+    auto linked = test::appDir(u"Lookout"_s, u"ai.velmora.lookout"_s);
+    linked.push_back({u"Other.app/share"_s, "../../outside", false, true});
+    serve(linked);
+    EXPECT_EQ(outcome(), u"The ZIP contains a link, Other.app/share — applications are installed "
+                         u"without links; ask for an archive that has none."_s);
+    EXPECT_FALSE(QFileInfo::exists(home.filePath(u"Applications"_s))) << "unpacked";
+
+    // As an earlier version left it: the link is replaced by what the archive holds.
+    const QString outside = home.filePath(u"outside"_s);
+    const QString share = home.filePath(u"Applications/Other.app/share"_s);
+    ASSERT_TRUE(QDir().mkpath(outside) &&
+                QDir().mkpath(home.filePath(u"Applications/Other.app"_s)));
+    ASSERT_TRUE(QFile::link(u"../../outside"_s, share));
+    auto clean = test::appDir(u"Lookout"_s, u"ai.velmora.lookout"_s);
+    clean.push_back({u"Other.app/share/evil.desktop"_s, "[Desktop Entry]\n"});
+    serve(clean);
+    EXPECT_EQ(outcome(), u"installed"_s);
+    EXPECT_EQ(QDir(outside).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
+    EXPECT_FALSE(QFileInfo(share).isSymLink());
+    EXPECT_TRUE(QFileInfo::exists(share + u"/evil.desktop"_s));
+    EXPECT_EQ(QDir(home.filePath(u"Applications"_s))
+                  .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+              (QStringList{u"Lookout.app"_s, u"Other.app"_s}))
+        << "nothing of the unpacking is left beside them";
 }
 
 TEST_F(ZipInstallerTest, TheBundleMustBeTheOneAsked) {

@@ -7,9 +7,13 @@
 #include "support/Wait.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace tessel;
 using namespace Qt::StringLiterals;
@@ -171,6 +175,45 @@ TEST_F(ConductorSetupTest, EveryFailureIsOneRedactedLineAndLeavesNoDirectory) {
     EXPECT_EQ(refreshes, 0);
 }
 
+// $XDG_RUNTIME_DIR is only a name: the folder behind it, and the Velmora folder
+// in it, must be the user's own and closed to others before a secret goes there.
+TEST_F(ConductorSetupTest, ARuntimeFolderOpenToOthersIsRefused) {
+    tool.answer({{{"args_prefix", {"setup"}}, {"steps", {out(line("verify", "done", "ok"))}}}});
+    const QString shared = scratch.filePath(u"shared"_s);
+    ASSERT_TRUE(QDir().mkpath(shared));
+    const QByteArray native = QFile::encodeName(shared);
+    ASSERT_EQ(::chmod(native.constData(), 0777), 0);
+    QProcessEnvironment environment;
+    environment.insert(u"XDG_RUNTIME_DIR"_s, shared);
+    const QString root =
+        ConductorSetupModel::defaultTempRoot(environment, scratch.filePath(u"data"_s));
+    const auto refuse = [&](const QString& folder) {
+        ConductorSetupModel setup(InfraTool{[this] { return std::optional(runner); }, u"missing"_s},
+                                  root);
+        run(setup);
+        EXPECT_EQ(setup.failure(), u"The folder %1 is open to other users — secrets are not put "
+                                   u"there; make it yours with mode 0700 or set XDG_RUNTIME_DIR "
+                                   u"to a private folder."_s.arg(folder));
+        EXPECT_FALSE(QFileInfo::exists(root)) << root.toStdString();
+    };
+    refuse(shared);
+
+    EXPECT_TRUE(tool.runs().empty());
+
+    // Another user's Velmora folder in an otherwise private runtime folder.
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can give a folder to another user";
+    }
+    ASSERT_EQ(::chmod(native.constData(), 0700), 0);
+    const QString velmora = shared + u"/Velmora"_s;
+    const QByteArray velmoraNative = QFile::encodeName(velmora);
+    ASSERT_EQ(::mkdir(velmoraNative.constData(), 0777), 0);
+    ASSERT_EQ(::chmod(velmoraNative.constData(), 0777), 0);
+    ASSERT_EQ(::chown(velmoraNative.constData(), 65534, 65534), 0);
+    refuse(velmora);
+    EXPECT_TRUE(tool.runs().empty());
+}
+
 TEST_F(ConductorSetupTest, ADryRunSucceedsWithoutRereading) {
     tool.answer(
         {{{"args_prefix", {"setup"}},
@@ -217,6 +260,25 @@ TEST(RedactorTest, TheLongerSecretGoesFirst) {
     const Redactor redact(
         {{ConductorSecret::v2Key, u"abc"_s}, {ConductorSecret::tunnelToken, u"abcdef"_s}});
     EXPECT_EQ(redact(u"xabcdefy abc"_s), u"x[redacted]y [redacted]"_s);
+}
+
+// A line that isn't a step is shown as it came, so a secret may arrive in any
+// of JSON's spellings of it.
+TEST(RedactorTest, EveryJSONSpellingOfASecretGoes) {
+    const Redactor redact({{ConductorSecret::serviceToken, u"svc \"quoted\" é/🔑\\-0123456789"_s}});
+    const QString spellings[] = {
+        u"svc \"quoted\" é/🔑\\-0123456789"_s,
+        u"svc \\\"quoted\\\" é/🔑\\\\-0123456789"_s,
+        u"svc \\\"quoted\\\" \\u00e9\\/\\ud83d\\udd11\\\\-0123456789"_s,
+        u"svc \\u0022quoted\\u0022 \\u00E9/\\uD83D\\uDD11\\u005c-\\u0030123456789"_s,
+    };
+    for (const QString& spelling : spellings) {
+        EXPECT_EQ(redact(u"{\"detail\": \""_s + spelling + u"\" x"_s),
+                  u"{\"detail\": \"[redacted]\" x"_s)
+            << spelling.toStdString();
+    }
+    EXPECT_TRUE(redact.reveals(spellings[2]));
+    EXPECT_EQ(redact(u"svc \\\"quoted"_s), u"svc \\\"quoted"_s) << "a piece is not the secret";
 }
 
 } // namespace

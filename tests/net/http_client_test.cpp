@@ -6,6 +6,7 @@
 #include "support/DevServer.h"
 #include "support/Wait.h"
 
+#include <QTemporaryDir>
 #include <QTimer>
 
 #include <gtest/gtest.h>
@@ -426,4 +427,25 @@ TEST(HTTPClientTransport, TrustsTheExtraCertificateOfTheSessionAndNothingElse) {
     const auto refused = as<URLError>(failureOf(HTTPClient().send(get(calls))));
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->errorCode(), URLError::tlsFailed);
+}
+
+// A download follows redirects, but never from HTTPS down to plain HTTP: the
+// file would arrive in clear text and could be anything.
+TEST(HTTPClientTransport, ADownloadFollowsRedirectsOnlyToHTTPS) {
+    test::DevServer secure(test::DevServer::Options{.https = true});
+    LoopbackServer plain;
+    HTTPClient client(std::make_shared<HTTPSession>(
+        HTTPSession::Options{30, 90, QString::fromStdString(secure.certPath())}));
+    secure.control("faults", {{"route", "list"},
+                              {"count", 1},
+                              {"mode", "redirect"},
+                              {"location", plain.url("/target").toString().toStdString()}});
+    QTemporaryDir dir;
+    const QUrl calls(QString::fromStdString(secure.meetBase() + "/api/v1/meetings"));
+    const auto refused = as<URLError>(failureOf(client.download(calls, dir.filePath("file"))));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->errorCode(), URLError::protocolFailure);
+    EXPECT_TRUE(refused->description().contains(plain.url("/target").toString()))
+        << refused->description().toStdString();
+    EXPECT_EQ(plain.targetHits.load(), 0);
 }

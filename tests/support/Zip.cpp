@@ -19,7 +19,8 @@ import base64, json, sys, zipfile
 with zipfile.ZipFile(sys.argv[1], "w") as archive:
     for entry in json.loads(sys.argv[2]):
         info = zipfile.ZipInfo(entry["name"])
-        info.external_attr = (0o100755 if entry["exec"] else 0o100644) << 16
+        mode = 0o120777 if entry["link"] else 0o100755 if entry["exec"] else 0o100644
+        info.external_attr = mode << 16
         archive.writestr(info, base64.b64decode(entry["data"]))
 )";
 
@@ -30,7 +31,8 @@ void writeZip(const QString& path, const std::vector<ZipEntry>& entries) {
     for (const ZipEntry& entry : entries) {
         list.append(QJsonObject{{"name", entry.name},
                                 {"data", QString::fromLatin1(entry.content.toBase64())},
-                                {"exec", entry.executable}});
+                                {"exec", entry.executable},
+                                {"link", entry.link}});
     }
     QProcess python;
     python.setProcessChannelMode(QProcess::ForwardedChannels);

@@ -15,6 +15,7 @@ struct ZipEntry {
     QString name;
     QByteArray content;
     bool executable = false;
+    bool link = false; // a symbolic link to `content`
 };
 
 // Writes the archive to `path`; throws when Python fails.
