@@ -35,7 +35,8 @@ public:
     Task<HTTPResponse> perform(HTTPRequest request, CancellationToken token);
 
     // Fetches `url` into the file at `path` (created or emptied), following
-    // redirects, with no time limit: a download lasts as long as it moves.
+    // redirects, with the inactivity limit and no whole-request limit: a
+    // download lasts as long as it moves.
     // Gives the final answer's status, 0 when there was no HTTP answer. Throws
     // `URLError`, `SystemError` when the file can't be written, `Cancelled`.
     Task<int> download(QUrl url, QString path, CancellationToken token);
