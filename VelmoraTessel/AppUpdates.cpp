@@ -9,6 +9,17 @@
 
 namespace tessel::app {
 
+namespace {
+
+// A package manager's build installs its updates through it.
+#ifdef TESSEL_PACKAGED
+constexpr bool packageManaged = true;
+#else
+constexpr bool packageManaged = false;
+#endif
+
+} // namespace
+
 std::unique_ptr<FeedUpdateEngine>
 makeUpdateEngine(const Endpoints& endpoints, HTTPClient http,
                  std::function<void(const QString& image)> relaunch) {
@@ -25,6 +36,7 @@ makeUpdateEngine(const Endpoints& endpoints, HTTPClient http,
         .currentVersion = AppVersion::shortVersion(),
         .http = std::move(http),
         .appImage = appImage,
+        .packageManaged = packageManaged,
         .openURL = openInDesktop,
         .tell = tell,
         .relaunch = std::move(relaunch),

@@ -47,7 +47,18 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
         relaunchInto(image, instance_, delegate_.terminate);
     });
 
-    infra_ = std::make_shared<InfraModel>(InfraCLI::tool(), monotonicNow, sleepFor);
+    // The helper tools a tryout build carries go to the user's private bin
+    // directory; a packaged program carries none, and its sections say that a
+    // tool is not installed rather than that installing it failed.
+    const auto environment = QProcessEnvironment::systemEnvironment();
+    helperInstaller_ = std::make_unique<HelperInstaller>(
+        HelperInstaller::bundledDirectory(QCoreApplication::applicationDirPath()),
+        HelperInstaller::dataDirectory(environment, QDir::homePath()));
+    if (helperInstaller_->bundleDirectory()) {
+        helperTarget_ = helperInstaller_->directory();
+    }
+
+    infra_ = std::make_shared<InfraModel>(InfraCLI::tool(helperTarget_), monotonicNow, sleepFor);
     const auto secrets = std::make_shared<SecretServiceStore>();
     // One settings file, held by one object: the organisation selection, the
     // feed's state and the window frames all go through it.
@@ -72,14 +83,11 @@ TesselApp::TesselApp(Endpoints endpoints, SingleInstance& instance, QObject* par
     delegate_.terminate = [] { QCoreApplication::quit(); };
 
     // The helper tools are kept installed from the first turn of the loop on.
-    const auto environment = QProcessEnvironment::systemEnvironment();
-    helperInstaller_ = std::make_unique<HelperInstaller>(
-        HelperInstaller::bundledDirectory(QCoreApplication::applicationDirPath()),
-        HelperInstaller::dataDirectory(environment, QDir::homePath()));
     helpers_ = std::make_unique<HelpersModel>(HelpersModel::Dependencies{
         .install = [installer = helperInstaller_.get()] { return installer->installIfNeeded(); },
         .python = HelperPython::pythonRunner(),
         .packageTool = HelperPython::packageToolRunner(),
+        .carried = helperTarget_.has_value(),
     });
     // The tools are looked up once installed: on a first start the infrastructure
     // and the subscription watch found none and said "not installed" for good.
@@ -150,7 +158,7 @@ void TesselApp::addWindows() {
         using Organisation = ConductorSetupWindow::Organisation;
         const auto environment = QProcessEnvironment::systemEnvironment();
         auto setup = std::make_unique<ConductorSetupModel>(
-            InfraCLI::tool(),
+            InfraCLI::tool(helperTarget_),
             ConductorSetupModel::defaultTempRoot(
                 environment, HelperInstaller::dataDirectory(environment, QDir::homePath())));
         QPointer<AppModel> model = model_.get();
@@ -197,7 +205,7 @@ void TesselApp::addWindows() {
         }
         return new SubscriptionsWindow(
             subscriptions(), defaults_->settings(),
-            {openInDesktop, settings, MeterlyCLI::notInstalled(environment, QDir::homePath())});
+            {openInDesktop, settings, MeterlyCLI::notInstalled(helperTarget_)});
     });
 }
 
@@ -223,7 +231,7 @@ SubscriptionsModel& TesselApp::subscriptions() {
         .accounts = accounts_.get(),
         .alertsStore = MeterlyAlertsStore::create(MeterlyAlertsStore::defaultPath(home)),
         .snapshotStore = MeterlySnapshotStore(HelperInstaller::dataDirectory(environment, home)),
-        .notInstalled = VantorAccountsCLI::notInstalled(environment, home),
+        .notInstalled = VantorAccountsCLI::notInstalled(helperTarget_),
         .startingServices = true,
         .desktop = &notifications_->desktop(),
         .notifier = std::nullopt,

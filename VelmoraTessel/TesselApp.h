@@ -30,6 +30,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace tessel::app {
 
@@ -76,6 +77,8 @@ private:
     std::unique_ptr<AccountsModel> accounts_;
     std::unique_ptr<SubscriptionsModel> subscriptions_;
     std::unique_ptr<HelperInstaller> helperInstaller_;
+    // Where the carried helpers are installed; none when the program carries none.
+    std::optional<QString> helperTarget_;
     std::unique_ptr<HelpersModel> helpers_;
     PopoverController controller_;
     QHash<QString, WindowFactory> factories_;

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs every Debian package the build, the tests and the demo need.
+# Installs every Debian package the build, the tests, the demo and the Debian
+# package need.
 # Runs without a terminal: nothing prompts. Uses sudo only when not root.
 set -euo pipefail
 
@@ -15,6 +16,7 @@ packages=(
   unzip python3
   xdg-utils xvfb xdotool x11-utils libx11-dev libxdamage-dev adwaita-qt6
   at-spi2-core python3-pyatspi libqt6svg6 xfwm4 xfce4-panel xfconf
+  dpkg-dev debhelper lintian desktop-file-utils appstream
 )
 
 sudo_cmd=()

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test.
-#   scripts/test.sh              release build and the whole suite
+#   scripts/test.sh              release build, the whole suite and the Debian
+#                                package's check (tests/package/check.sh)
 #   scripts/test.sh --sanitizers also the address+undefined and thread builds
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -18,6 +19,8 @@ run_preset() {
 }
 
 run_preset release
+echo "== Debian package: build, lintian, the unpacked program"
+bash tests/package/check.sh
 if [ "${1:-}" = "--sanitizers" ]; then
   run_preset asan
   run_preset tsan

@@ -1,11 +1,18 @@
 #include "app/FeedUpdateEngine.h"
 
 #include "errors/ErrorLog.h"
+#include "errors/SystemError.h"
+#include "net/HTTPFailure.h"
 #include "net/JSON.h"
 
+#include <QCoroFuture>
 #include <QCryptographicHash>
 #include <QFile>
 #include <QFileInfo>
+#include <QFuture>
+#include <QPromise>
+#include <QScopeGuard>
+#include <QThreadPool>
 #include <QVersionNumber>
 
 #include <algorithm>
@@ -15,6 +22,27 @@
 using namespace Qt::StringLiterals;
 
 namespace tessel {
+
+namespace {
+
+// The lower-case hex SHA-256 of a file, read on a pool thread: an image is
+// large. Empty when the file cannot be read.
+QFuture<QByteArray> sha256Of(const QString& path) {
+    auto promise = std::make_shared<QPromise<QByteArray>>();
+    QFuture<QByteArray> sum = promise->future();
+    promise->start();
+    QThreadPool::globalInstance()->start([promise, path] {
+        QFile file(path);
+        QCryptographicHash hash(QCryptographicHash::Sha256);
+        promise->addResult(file.open(QIODevice::ReadOnly) && hash.addData(&file)
+                               ? hash.result().toHex()
+                               : QByteArray());
+        promise->finish();
+    });
+    return sum;
+}
+
+} // namespace
 
 UpdateFeedEntry UpdateFeedEntry::fromJSON(const QByteArray& bytes) {
     const JSON json = JSON::parse(bytes);
@@ -89,6 +117,9 @@ Task<void> FeedUpdateEngine::check() {
             gate()->shouldProceedWithUpdate();
             if (deps_.appImage) {
                 co_await install(entry);
+            } else if (deps_.packageManaged) {
+                tell(u"Velmora %1 is available — your package manager installs it with the "
+                     u"system's updates (package velmora-tessel)."_s.arg(entry.version));
             } else {
                 tell(u"Velmora %1 is available — its download page opens in your browser."_s.arg(
                     entry.version));
@@ -116,29 +147,41 @@ Task<void> FeedUpdateEngine::check() {
 Task<void> FeedUpdateEngine::install(UpdateFeedEntry entry) {
     QPointer<FeedUpdateEngine> self(this);
     const QString image = *deps_.appImage;
-    HTTPRequest request;
-    request.url = entry.url;
-    const QByteArray bytes = co_await deps_.http.checked(request);
-    if (!self) {
-        co_return;
-    }
-    if (QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex() != entry.sha256) {
-        throw TesselError(u"The downloaded update didn't match its checksum — try again later."_s);
-    }
-    // Written beside the running image, so the relaunch is one rename on the
-    // same file system.
+    // Streamed into a file beside the running image, so the relaunch is one
+    // rename on the same file system and an image of any size never sits in
+    // memory. A download has the transport's inactivity limit and no limit on
+    // its whole length.
     const QString staged = stagedPath(image);
-    QFile file(staged);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
-        file.write(bytes) != bytes.size() || !file.flush()) {
-        QFile::remove(staged);
+    auto removeStaged = qScopeGuard([staged] { QFile::remove(staged); });
+    int status = 0;
+    try {
+        status = co_await deps_.http.download(entry.url, staged);
+    } catch (const SystemError&) {
         throw TesselError(u"The update could not be saved beside %1 — check that the folder is "
                           u"writable."_s.arg(image));
     }
-    file.close();
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner |
-                        QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther |
-                        QFileDevice::ExeOther);
+    if (!self) {
+        co_return;
+    }
+    if (status == 0) {
+        throw URLError(URLError::protocolFailure,
+                       u"The server's answer was not an HTTP response."_s);
+    }
+    if (status < 200 || status > 299) {
+        throw HTTPFailure(status, QString(), entry.url.path());
+    }
+    const QByteArray sum = co_await sha256Of(staged);
+    if (!self) {
+        co_return;
+    }
+    if (sum != entry.sha256) {
+        throw TesselError(u"The downloaded update didn't match its checksum — try again later."_s);
+    }
+    QFile::setPermissions(staged, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                      QFileDevice::ExeOwner | QFileDevice::ReadGroup |
+                                      QFileDevice::ExeGroup | QFileDevice::ReadOther |
+                                      QFileDevice::ExeOther);
+    removeStaged.dismiss();
 
     const auto relaunch = deps_.relaunch;
     const auto tell = deps_.tell;

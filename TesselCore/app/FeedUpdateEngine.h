@@ -1,9 +1,11 @@
 // The update engine of this program: a JSON feed, {"version", "url",
 // "sha256", "notes"}, at the endpoints' update feed URL. Run as an AppImage
-// ($APPIMAGE) it fetches the new image beside the old one and checks its
-// SHA-256; the relaunch (the new image over the old, started, this one quits)
-// is the step that waits for a call to end. Run any other way it tells the
-// person that a version is available and opens its page.
+// ($APPIMAGE) it streams the new image to a file beside the old one and checks
+// its SHA-256; the relaunch (the new image over the old, started, this one
+// quits) is the step that waits for a call to end. Installed by a package
+// manager it never replaces its own files: it says which version is available
+// and that the package manager installs it. Run any other way (built from
+// source) it says that a version is available and opens its page.
 #pragma once
 
 #include "app/AppServices.h"
@@ -38,6 +40,7 @@ public:
         QString currentVersion;
         HTTPClient http;
         std::optional<QString> appImage; // the running image, from $APPIMAGE
+        bool packageManaged = false;     // installed by a package manager
         OpenURL openURL;
         // Tells the person something; no answer is needed.
         std::function<void(const QString&)> tell;

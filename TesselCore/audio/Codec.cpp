@@ -15,16 +15,18 @@ namespace {
 
 constexpr const char* moduleName = "libtessel-codec.so";
 
-// Beside the program (a build tree, a bundle), else where it is installed.
+// Beside the program (a build tree), else where an install puts it relative to
+// the program (bin/../lib/velmora-tessel): found from the program's own place,
+// an install works under any prefix, unpacked anywhere or in an AppDir.
 std::vector<std::filesystem::path> candidates() {
-    std::vector<std::filesystem::path> found;
     std::error_code error;
     const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-    if (!error) {
-        found.push_back(program.parent_path() / moduleName);
+    if (error) {
+        return {};
     }
-    found.push_back(std::filesystem::path(TESSEL_CODEC_DIR) / moduleName);
-    return found;
+    const auto directory = program.parent_path();
+    return {directory / moduleName,
+            directory.parent_path() / "lib" / "velmora-tessel" / moduleName};
 }
 
 // Libraries FFmpeg brings whose start-up allocates what they never give back

@@ -70,6 +70,11 @@ InfraModel::~InfraModel() {
 
 Task<void> InfraModel::refresh(bool force) {
     QPointer<InfraModel> self(this);
+    // The tool comes from a package of its own, which may be installed while
+    // the program runs: a missing one is looked for again at each refresh.
+    if (!runner_) {
+        runner_ = tool_.resolve();
+    }
     if (!runner_) {
         error_ = tool_.notInstalled;
         emit changed();

@@ -28,8 +28,9 @@ public:
     bool isInstalled() const { return runner_.has_value(); }
     const QString& notInstalled() const { return tool_.notInstalled; }
 
-    // Never fails. A forced refresh waits for a running call and then reads; an
-    // unforced one gives up when a call runs or the last read is under 30 s old.
+    // Never fails. A missing tool is looked for again first. A forced refresh
+    // waits for a running call and then reads; an unforced one gives up when a
+    // call runs or the last read is under 30 s old.
     Task<void> refresh(bool force);
     // Never fails. Does nothing for a row that cannot restart or while a call
     // runs; a restart that worked is followed by a forced refresh.

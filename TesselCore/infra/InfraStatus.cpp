@@ -197,9 +197,9 @@ QString stateText(InfraStatus::State state) {
 
 namespace InfraCLI {
 
-QString notInstalled(const QString& installDirectory) {
-    return u"Helpers could not be installed to "_s + installDirectory +
-           u": Could not resolve velmora-conductor-onboard."_s;
+QString notInstalled(const std::optional<QString>& installDirectory) {
+    return HelperInstaller::notInstalled(toolName, installDirectory,
+                                         u"to see and set up this machine's conductor"_s);
 }
 
 std::optional<QString> resolveBinary(const QProcessEnvironment& environment, const QString& home) {
@@ -213,17 +213,18 @@ StreamingToolRunner runner(const QString& binary, const QProcessEnvironment& env
                                              HelperInstaller::dataDirectory(environment, home)));
 }
 
-InfraTool tool() {
-    InfraTool found = tool(QProcessEnvironment::systemEnvironment(), QDir::homePath());
-    found.resolve = [] {
-        return tool(QProcessEnvironment::systemEnvironment(), QDir::homePath()).resolve();
+InfraTool tool(const std::optional<QString>& installDirectory) {
+    InfraTool found =
+        tool(QProcessEnvironment::systemEnvironment(), QDir::homePath(), installDirectory);
+    found.resolve = [installDirectory] {
+        return tool(QProcessEnvironment::systemEnvironment(), QDir::homePath(), installDirectory)
+            .resolve();
     };
     return found;
 }
 
-InfraTool tool(const QProcessEnvironment& environment, const QString& home) {
-    const QString directory =
-        HelperInstaller::directory(HelperInstaller::dataDirectory(environment, home));
+InfraTool tool(const QProcessEnvironment& environment, const QString& home,
+               const std::optional<QString>& installDirectory) {
     return {[environment, home]() -> std::optional<StreamingToolRunner> {
                 const auto binary = resolveBinary(environment, home);
                 if (!binary) {
@@ -231,7 +232,7 @@ InfraTool tool(const QProcessEnvironment& environment, const QString& home) {
                 }
                 return runner(*binary, environment, home);
             },
-            notInstalled(directory)};
+            notInstalled(installDirectory)};
 }
 
 std::optional<QUrl> webURL(const QString& text) {

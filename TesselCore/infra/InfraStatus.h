@@ -98,8 +98,8 @@ inline const QString toolName = QStringLiteral("velmora-conductor-onboard");
 inline const QString overrideVariable = QStringLiteral("VCO_BIN");
 
 // The line shown when the tool cannot be found; `installDirectory` is where
-// the helpers are installed.
-QString notInstalled(const QString& installDirectory);
+// the program installs the helpers it carries, none when it carries none.
+QString notInstalled(const std::optional<QString>& installDirectory);
 
 // Where the tool is: the file VCO_BIN names, else the helper lookup.
 std::optional<QString> resolveBinary(const QProcessEnvironment& environment, const QString& home);
@@ -107,9 +107,11 @@ std::optional<QString> resolveBinary(const QProcessEnvironment& environment, con
 StreamingToolRunner runner(const QString& binary, const QProcessEnvironment& environment,
                            const QString& home);
 // How the models find the tool: with this process's environment and the
-// user's home, read again at each lookup.
-InfraTool tool();
-InfraTool tool(const QProcessEnvironment& environment, const QString& home);
+// user's home, read again at each lookup. `installDirectory` as for
+// `notInstalled`.
+InfraTool tool(const std::optional<QString>& installDirectory);
+InfraTool tool(const QProcessEnvironment& environment, const QString& home,
+               const std::optional<QString>& installDirectory);
 
 // A web address fit to open: scheme exactly "http" or "https" (checked on the
 // raw text, since QUrl lower-cases it), a host, no user name or password.

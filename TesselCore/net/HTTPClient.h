@@ -93,9 +93,10 @@ public:
     // Bytes of a 2xx answer; `HTTPFailure` for any other status.
     Task<QByteArray> checked(HTTPRequest request, CancellationToken token = {}) const;
 
-    // A file, not an API call: fetched into `path` following redirects (to
-    // HTTPS only), with no time limit, the status of the final answer given (0
-    // when it wasn't HTTP), nothing recorded among the failures.
+    // A file, not an API call: streamed into `path` following redirects (to
+    // HTTPS only), with the session's inactivity limit but no whole-request
+    // limit, the status of the final answer given (0 when it wasn't HTTP),
+    // nothing recorded among the failures.
     Task<int> download(QUrl url, QString path, CancellationToken token = {}) const;
 
     std::optional<ErrorPresentation> latestFailure() const;

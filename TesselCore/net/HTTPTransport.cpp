@@ -344,7 +344,9 @@ Task<int> HTTPTransport::download(QUrl url, QString path, CancellationToken toke
     t.easy = curl_easy_init();
     t.url = url.toEncoded();
     t.file = &file;
-    t.idleLimit = std::numeric_limits<double>::infinity();
+    // A download lasts as long as it moves: the inactivity limit holds, the
+    // whole-request limit does not.
+    t.idleLimit = std::clamp(options_.inactivitySeconds, 0.0, 86400.0);
 
     // Unlike a request of the meet API, a download follows redirects and may be
     // sent again: fetching a file changes nothing on the server. A redirect
@@ -365,6 +367,8 @@ Task<int> HTTPTransport::download(QUrl url, QString path, CancellationToken toke
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, t.errorText);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &onBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &onHeader);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer.get());
     if (!extraCertificates_.empty()) {
         curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &onTLSContext);
         curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, &extraCertificates_);
@@ -374,6 +378,9 @@ Task<int> HTTPTransport::download(QUrl url, QString path, CancellationToken toke
 
     if (t.ending == Ending::cancelled) {
         throw Cancelled();
+    }
+    if (t.ending == Ending::timedOut) {
+        throw URLError(URLError::timedOut, u"The request timed out."_s);
     }
     if (t.fileError != 0) {
         throw SystemError(path, t.fileError);

@@ -35,8 +35,9 @@ public:
     Task<HTTPResponse> perform(HTTPRequest request, CancellationToken token);
 
     // Fetches `url` into the file at `path` (created or emptied), following
-    // redirects to HTTPS only, with no time limit: a download lasts as long as
-    // it moves. A redirect to anything else fails with `URLError`.
+    // redirects to HTTPS only, with the inactivity limit and no whole-request
+    // limit: a download lasts as long as it moves. A redirect to anything else
+    // fails with `URLError`.
     // Gives the final answer's status, 0 when there was no HTTP answer. Throws
     // `URLError`, `SystemError` when the file can't be written, `Cancelled`.
     Task<int> download(QUrl url, QString path, CancellationToken token);

@@ -82,10 +82,9 @@ ToolRunner MeterlyCLI::runner(const QString& binary) {
                           HelperInstaller::environment(QProcessEnvironment::systemEnvironment()));
 }
 
-QString MeterlyCLI::notInstalled(const QProcessEnvironment& environment, const QString& home) {
-    return HelperInstaller::failure(
-        u"Could not resolve meterly."_s,
-        HelperInstaller::directory(HelperInstaller::dataDirectory(environment, home)));
+QString MeterlyCLI::notInstalled(const std::optional<QString>& installDirectory) {
+    return HelperInstaller::notInstalled(u"meterly"_s, installDirectory,
+                                         u"to see the usage of your subscriptions"_s);
 }
 
 struct MeterlyClient::Run {

@@ -22,8 +22,9 @@ std::optional<QString> resolveBinary(const QProcessEnvironment& environment, con
 // Runs `binary` with this process's environment as it is now, PATH set to the
 // helpers' one.
 ToolRunner runner(const QString& binary);
-// What the window says when the tool is nowhere to be found.
-QString notInstalled(const QProcessEnvironment& environment, const QString& home);
+// What the window says when the tool is nowhere to be found; `installDirectory`
+// is where the program installs the helpers it carries, none when it carries none.
+QString notInstalled(const std::optional<QString>& installDirectory);
 
 } // namespace MeterlyCLI
 

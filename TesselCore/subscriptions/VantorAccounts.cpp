@@ -62,11 +62,9 @@ ToolRunner VantorAccountsCLI::runner(const QString& binary) {
                           HelperInstaller::environment(QProcessEnvironment::systemEnvironment()));
 }
 
-QString VantorAccountsCLI::notInstalled(const QProcessEnvironment& environment,
-                                        const QString& home) {
-    return HelperInstaller::failure(
-        u"Could not resolve vantor-accounts."_s,
-        HelperInstaller::directory(HelperInstaller::dataDirectory(environment, home)));
+QString VantorAccountsCLI::notInstalled(const std::optional<QString>& installDirectory) {
+    return HelperInstaller::notInstalled(u"vantor-accounts"_s, installDirectory,
+                                         u"to see and switch your subscriptions"_s);
 }
 
 QList<VantorAccount> VantorAccountsCLI::parse(const QString& tsv) {

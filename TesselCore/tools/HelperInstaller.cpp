@@ -135,11 +135,8 @@ void installOne(const QString& source, const QString& directory, const QString& 
     }
 }
 
-void install(const std::optional<QString>& bundleDirectory, const QString& directory) {
+void install(const QString& bundleDirectory, const QString& directory) {
     try {
-        if (!bundleDirectory) {
-            throw StepFailure{u"The app has no bundled helpers directory."_s};
-        }
         std::error_code error;
         const std::filesystem::path path = QFile::encodeName(directory).toStdString();
         std::filesystem::create_directories(path, error);
@@ -148,7 +145,7 @@ void install(const std::optional<QString>& bundleDirectory, const QString& direc
         }
         setMode(directory, 0755);
         for (const QString& name : HelperInstaller::names + QStringList{versionName}) {
-            installOne(*bundleDirectory, directory, name);
+            installOne(bundleDirectory, directory, name);
         }
     } catch (const StepFailure& failure) {
         throw TesselError(HelperInstaller::failure(failure.reason, directory));
@@ -166,11 +163,14 @@ HelperInstaller::HelperInstaller(std::optional<QString> bundleDirectory, QString
 HelperInstaller::~HelperInstaller() = default;
 
 Task<void> HelperInstaller::installIfNeeded() {
+    if (!bundleDirectory_) {
+        co_return;
+    }
     // Everything the work needs is copied: the installer may go while it runs.
     QPromise<void> promise;
     QFuture<void> done = promise.future();
     promise.start();
-    queue_->start([bundle = bundleDirectory_, directory = directory_,
+    queue_->start([bundle = *bundleDirectory_, directory = directory_,
                    promise = std::make_shared<QPromise<void>>(std::move(promise))] {
         try {
             install(bundle, directory);
@@ -205,6 +205,13 @@ std::optional<QString> HelperInstaller::resolve(const QString& name, const QStri
         candidates << directory(dataDirectory(environment, home)) + u'/' + name
                    << home + u"/bin/"_s + name << home + u"/.local/bin/"_s + name
                    << u"/usr/local/bin/"_s + name;
+        // An empty or relative entry would name the current folder, which is
+        // no place to take a program from.
+        for (const QString& folder : environment.value(u"PATH"_s).split(u':')) {
+            if (folder.startsWith(u'/')) {
+                candidates << folder + u'/' + name;
+            }
+        }
     }
     for (const QString& candidate : candidates) {
         const QFileInfo file(candidate);
@@ -213,6 +220,15 @@ std::optional<QString> HelperInstaller::resolve(const QString& name, const QStri
         }
     }
     return std::nullopt;
+}
+
+QString HelperInstaller::notInstalled(const QString& name,
+                                      const std::optional<QString>& installDirectory,
+                                      const QString& gives) {
+    if (installDirectory) {
+        return failure(u"Could not resolve %1."_s.arg(name), *installDirectory);
+    }
+    return u"%1 is not installed — install it %2."_s.arg(name, gives);
 }
 
 QProcessEnvironment HelperInstaller::environment(const QProcessEnvironment& base) {

@@ -1,7 +1,9 @@
-// The helper tools: the application carries them, and at each start the user's
-// private bin directory is brought up to date with them by content. Also the
-// two rules every caller of a sibling tool shares: where its file is found
-// (`resolve`) and which PATH it runs with (`environment`).
+// The helper tools: an application that carries them (a tryout with the
+// stand-ins) brings the user's private bin directory up to date with them by
+// content at each start; a packaged one carries none, the tools coming from
+// their own packages. Also the rules every caller of a sibling tool shares:
+// where its file is found (`resolve`), which PATH it runs with
+// (`environment`), and what a section says when it is missing (`notInstalled`).
 #pragma once
 
 #include "async/Async.h"
@@ -35,7 +37,8 @@ public:
 
     // Installs on the installer's own thread, one run at a time; fails with
     // `TesselError` in the words of `failure`. Files installed before a failing
-    // name stay.
+    // name stay. Without a bundle directory there is nothing to install, and
+    // nothing is touched.
     Task<void> installIfNeeded();
 
     // The helpers the build put beside the executable
@@ -50,10 +53,18 @@ public:
         return QStringLiteral("Helpers could not be installed to ") + directory +
                QStringLiteral(": ") + reason;
     }
+    // The line of a section whose tool `name` is missing. A program that
+    // carries helpers installs them into `installDirectory`, so there the
+    // tool's absence is a failed installation; one that carries none says the
+    // tool is not installed and what installing it gives (`gives`, "to see
+    // your subscriptions").
+    static QString notInstalled(const QString& name, const std::optional<QString>& installDirectory,
+                                const QString& gives);
 
     // Where the tool `name` is: the file the variable `override` names when
     // the environment holds it (and nothing else), else the first executable of
-    // the private bin directory, ~/bin, ~/.local/bin and /usr/local/bin.
+    // the private bin directory, ~/bin, ~/.local/bin, /usr/local/bin and then
+    // the absolute folders of the environment's PATH, where a package puts it.
     static std::optional<QString> resolve(const QString& name, const QString& override,
                                           const QProcessEnvironment& environment,
                                           const QString& home);

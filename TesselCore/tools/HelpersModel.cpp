@@ -11,7 +11,7 @@ HelpersModel::HelpersModel(Dependencies dependencies, QObject* parent)
     : QObject(parent), dependencies_(std::move(dependencies)) {}
 
 Task<void> HelpersModel::installIfNeeded() {
-    if (busy_) {
+    if (busy_ || !dependencies_.carried) {
         co_return;
     }
     busy_ = true;

@@ -1,6 +1,7 @@
 // What the helper installation and the Python check came to, for the strip
 // that shows it. Lives on the main thread; its operations never fail: their
-// results land in the properties.
+// results land in the properties. A program that carries no helpers installs
+// and checks nothing, so the strip stays empty.
 #pragma once
 
 #include "async/Async.h"
@@ -30,6 +31,7 @@ public:
         std::function<Task<void>()> install; // HelperInstaller::installIfNeeded
         ToolRunner python;                   // HelperPython::pythonRunner()
         ToolRunner packageTool;              // HelperPython::packageToolRunner()
+        bool carried = true;                 // the program carries a helpers folder
     };
 
     explicit HelpersModel(Dependencies dependencies, QObject* parent = nullptr);
@@ -40,7 +42,8 @@ public:
     QString errorText() const { return error_.value_or(QString()); }
     bool pythonMissing() const { return pythonMissing_; }
 
-    // Installs the helpers, then checks Python. Does nothing while busy.
+    // Installs the helpers, then checks Python. Does nothing while busy, or
+    // when the program carries no helpers.
     Task<void> installIfNeeded();
     // Installs the python3 package. Does nothing while busy; `pythonMissing`
     // stays until the next `installIfNeeded`.

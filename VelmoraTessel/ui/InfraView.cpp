@@ -197,8 +197,10 @@ void InfraView::update() {
     }
     reading_->setVisible(installed && !status && model_->busy());
     rows_->setVisible(installed && status.has_value());
-    error_->setVisible(model_ && model_->error().has_value());
-    error_->setText(model_ && model_->error() ? *model_->error() : QString());
+    // Without the tool the model's error is the not-installed line, which
+    // stands above already: said once, quietly.
+    error_->setVisible(installed && model_->error().has_value());
+    error_->setText(installed && model_->error() ? *model_->error() : QString());
     if (!installed || !status) {
         return;
     }

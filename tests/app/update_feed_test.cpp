@@ -24,12 +24,15 @@ QByteArray contents(const QString& path) {
 struct Feed : ::testing::Test {
     void offer(const nlohmann::json& update) { server.control("update", update); }
     void writeOldImage() { writeFile(image, "old image"); }
-    std::unique_ptr<UpdateController> controller(std::optional<QString> appImage) {
+    std::unique_ptr<UpdateController> controller(std::optional<QString> appImage,
+                                                 bool packaged = false,
+                                                 HTTPClient http = HTTPClient()) {
         auto engine = std::make_unique<FeedUpdateEngine>(FeedUpdateEngine::Dependencies{
             .feedURL = QUrl(QString::fromStdString(server.origin() + "/update/feed.json")),
             .currentVersion = "1.2.0",
-            .http = HTTPClient(),
+            .http = std::move(http),
             .appImage = appImage,
+            .packageManaged = packaged,
             .openURL = [this](const QUrl& url) { opened.push_back(url); },
             .tell = [this](const QString& text) { told.push_back(text); },
             .relaunch = [this](const QString& image) { relaunched.push_back(image); },
@@ -105,4 +108,45 @@ TEST_F(Feed, WhatACheckComesTo) {
         EXPECT_FALSE(QFile::exists(FeedUpdateEngine::stagedPath(image)));
         EXPECT_TRUE(updates->canCheckForUpdates());
     }
+}
+
+// Installed by a package manager: the program says what is available and
+// fetches nothing.
+TEST_F(Feed, APackagedProgramOnlySaysWhichVersionIsAvailable) {
+    offer({{"version", "2.0"}, {"image", "new"}});
+    auto updates = controller(std::nullopt, true);
+    wait(feed->check());
+    EXPECT_EQ(told.back(), "Velmora 2.0 is available — your package manager installs it with the "
+                           "system's updates (package velmora-tessel).");
+    EXPECT_TRUE(opened.empty());
+    EXPECT_EQ(server.requests("update_image"), 0);
+}
+
+// The image streams to disk for as long as it takes (here longer than the
+// whole-request limit of 1 s), but a server that sends nothing for the
+// inactivity limit ends it.
+TEST_F(Feed, TheImageHasTheInactivityLimitButNoWholeRequestLimit) {
+    const std::string large(4 << 20, 'x');
+    writeOldImage();
+    offer({{"version", "2.0"}, {"image", large}});
+    server.delay("update_image", 1, 1500);
+    HTTPSession::Options limits;
+    limits.totalSeconds = 1;
+    auto patient = std::make_shared<HTTPSession>(limits);
+    auto updates = controller(image, false, HTTPClient(patient));
+    wait(feed->check());
+    EXPECT_EQ(contents(image).size(), qsizetype(large.size()));
+    EXPECT_EQ(relaunched.size(), 1u);
+
+    writeOldImage();
+    relaunched.clear();
+    server.delay("update_image", 1, 1500);
+    limits = HTTPSession::Options();
+    limits.inactivitySeconds = 0.5;
+    auto impatient = std::make_shared<HTTPSession>(limits);
+    updates = controller(image, false, HTTPClient(impatient));
+    wait(feed->check());
+    EXPECT_EQ(contents(image), "old image");
+    EXPECT_TRUE(relaunched.empty());
+    EXPECT_FALSE(QFile::exists(FeedUpdateEngine::stagedPath(image)));
 }

@@ -146,28 +146,42 @@ TEST_F(InfraModelTest, TheToolIsFoundThroughTheOverrideAndRunsWithTheHelpersPath
     environment.remove(u"XDG_DATA_HOME"_s);
     const QString home = tool.path(u"home"_s);
     tool.answer(json::array({answer({"status", "--json"}, report())}));
-    InfraModel found{InfraCLI::tool(environment, home), clock.nowFunction(), sleepFor};
+    InfraModel found{InfraCLI::tool(environment, home, std::nullopt), clock.nowFunction(),
+                     sleepFor};
     test::wait(found.refresh(true));
     EXPECT_TRUE(found.status());
     EXPECT_TRUE(tool.runs().at(0)["path"].get<std::string>().starts_with(
         (home + u"/.local/share/Velmora/bin:"_s).toStdString()));
 
     environment.remove(u"VCO_BIN"_s);
-    const InfraTool missing = InfraCLI::tool(environment, home);
+    environment.insert(u"PATH"_s, u"/nonexistent"_s);
+    const InfraTool missing = InfraCLI::tool(environment, home, std::nullopt);
     EXPECT_FALSE(missing.resolve());
-    EXPECT_EQ(missing.notInstalled, u"Helpers could not be installed to "_s + home +
-                                        u"/.local/share/Velmora/bin: Could not resolve "
-                                        u"velmora-conductor-onboard."_s);
+    EXPECT_EQ(missing.notInstalled, u"velmora-conductor-onboard is not installed — install it "
+                                    u"to see and set up this machine's conductor."_s);
+    EXPECT_EQ(InfraCLI::notInstalled(home + u"/.local/share/Velmora/bin"_s),
+              u"Helpers could not be installed to "_s + home +
+                  u"/.local/share/Velmora/bin: Could not resolve velmora-conductor-onboard."_s);
 }
 
-TEST(InfraModelNotInstalledTest, SaysSoAndChangesNothingElse) {
+// A missing tool is said, nothing else changes; one installed later (from
+// its package) is found at the next refresh.
+TEST(InfraModelNotInstalledTest, SaysSoAndLooksAgainAtTheNextRefresh) {
     test::FakeClock clock;
-    InfraModel model{InfraTool{[] { return std::optional<StreamingToolRunner>(); }, u"gone"_s},
-                     clock.nowFunction(), clock.sleepFunction()};
+    std::optional<StreamingToolRunner> found;
+    InfraModel model{InfraTool{[&found] { return found; }, u"gone"_s}, clock.nowFunction(),
+                     clock.sleepFunction()};
     test::wait(model.refresh(true));
     EXPECT_FALSE(model.isInstalled());
     EXPECT_EQ(model.error(), u"gone"_s);
     EXPECT_FALSE(model.busy());
+
+    found = [](QStringList, LineCallback, CancellationToken) -> Task<ToolOutput> {
+        co_return ToolOutput{u"not json"_s, QString(), 0};
+    };
+    test::wait(model.refresh(true));
+    EXPECT_TRUE(model.isInstalled());
+    EXPECT_NE(model.error(), u"gone"_s);
 }
 
 } // namespace

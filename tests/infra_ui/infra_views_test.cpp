@@ -5,6 +5,7 @@
 
 #include "support/FakeTool.h"
 #include "support/QtPrint.h"
+#include "support/Wait.h"
 
 #include <QApplication>
 #include <QDeadlineTimer>
@@ -138,6 +139,24 @@ TEST_F(InfraViewsTest, TheRowsFollowTheOrganisation) {
     EXPECT_EQ(setUp->toolTip(), u"Set up conductor for initech"_s);
     setUp->click();
     EXPECT_EQ(setups, 1);
+}
+
+// A missing tool is one quiet line, not that line again in red.
+TEST(InfraViewNotInstalledTest, SaysSoOnce) {
+    InfraModel missing{InfraTool{[] { return std::optional<StreamingToolRunner>(); },
+                                 u"velmora-conductor-onboard is not installed"_s},
+                       monotonicNow, sleepFor};
+    InfraView view(&missing, {});
+    view.setOrg(u"acme.example"_s, u"acme"_s);
+    view.show();
+    test::wait(missing.refresh(true));
+    ASSERT_TRUE(missing.error());
+    int said = 0;
+    for (QLabel* label : view.findChildren<QLabel*>()) {
+        said += label->isVisible() && label->text() == *missing.error();
+    }
+    EXPECT_EQ(said, 1);
+    EXPECT_FALSE(shown<QLabel>(&view, u"infraError"_s));
 }
 
 } // namespace

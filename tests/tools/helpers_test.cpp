@@ -10,6 +10,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -109,16 +110,32 @@ TEST_F(HelperInstallerTest, AMissingSourceStopsAtItsName) {
                              u": No such file or directory"_s);
     EXPECT_EQ(QDir(directory).entryList(QDir::Files),
               (QStringList{u"meterly"_s, u"meterly-alerts"_s}));
+}
 
+// A packaged program carries no helpers: nothing is installed, nothing
+// checked, nothing shown; a missing tool is "not installed", not a failed
+// installation.
+TEST_F(HelperInstallerTest, WithoutACarriedFolderNothingHappens) {
     HelperInstaller none(std::nullopt, data.path());
-    const auto failure = test::failureOf(none.installIfNeeded());
-    ASSERT_TRUE(failure);
-    try {
-        std::rethrow_exception(failure);
-    } catch (const TesselError& error) {
-        EXPECT_EQ(error.message(), u"Helpers could not be installed to "_s + directory +
-                                       u": The app has no bundled helpers directory."_s);
-    }
+    test::wait(none.installIfNeeded());
+    EXPECT_FALSE(QFileInfo::exists(data.filePath(u"Velmora"_s)));
+
+    int installs = 0;
+    HelpersModel model({[&installs] {
+                            ++installs;
+                            return sleepFor(0);
+                        },
+                        {},
+                        {},
+                        false});
+    test::wait(model.installIfNeeded());
+    EXPECT_EQ(installs, 0);
+    EXPECT_FALSE(model.busy() || model.ready() || model.pythonMissing() || model.error());
+
+    EXPECT_EQ(HelperInstaller::notInstalled(u"meterly"_s, std::nullopt, u"to see it"_s),
+              u"meterly is not installed — install it to see it."_s);
+    EXPECT_EQ(HelperInstaller::notInstalled(u"meterly"_s, u"/h/bin"_s, u"to see it"_s),
+              u"Helpers could not be installed to /h/bin: Could not resolve meterly."_s);
 }
 
 TEST(HelperLookupTest, ResolveTriesTheOverrideAloneElseThePlacesInOrder) {
@@ -156,6 +173,26 @@ TEST(HelperLookupTest, ResolveTriesTheOverrideAloneElseThePlacesInOrder) {
     QFile::remove(privateBin + u"/vantor-accounts"_s);
     QFile::remove(home.filePath(u"bin/vantor-accounts"_s));
     EXPECT_EQ(resolve(std::nullopt), home.filePath(u".local/bin/vantor-accounts"_s));
+
+    // After those places, the absolute folders of PATH in order (where a
+    // package puts the tool); a relative entry is never taken.
+    QFile::remove(home.filePath(u".local/bin/vantor-accounts"_s));
+    for (const QString& dir : {u"rel"_s, u"a"_s, u"b"_s}) {
+        QDir(home.path()).mkpath(dir);
+    }
+    tool(home.filePath(u"rel/vantor-accounts"_s), true);
+    tool(home.filePath(u"vantor-accounts"_s), true);
+    tool(home.filePath(u"a/vantor-accounts"_s), false);
+    tool(home.filePath(u"b/vantor-accounts"_s), true);
+    QProcessEnvironment withPath;
+    withPath.insert(u"PATH"_s, u"rel::"_s + home.filePath(u"a"_s) + u':' + home.filePath(u"b"_s));
+    const QString before = QDir::currentPath();
+    QDir::setCurrent(home.path());
+    EXPECT_EQ(HelperInstaller::resolve(u"vantor-accounts"_s, u"VANTOR_ACCOUNTS_BIN"_s, withPath,
+                                       home.path()),
+              home.filePath(u"b/vantor-accounts"_s));
+    QDir::setCurrent(before);
+    EXPECT_EQ(resolve(std::nullopt), u"none"_s);
 }
 
 TEST(HelperLookupTest, EnvironmentReplacesPathAndKeepsTheRest) {
