@@ -11,8 +11,9 @@ bash scripts/setup.sh
 run_preset() {
   local preset=$1
   echo "== $preset: configure and build"
-  # The tryout scripts may have bundled the stand-in helpers: the suite runs without.
-  cmake --preset "$preset" -DTESSEL_HELPERS_FAKE=OFF >/dev/null
+  # A tryout may have carried the stand-in helpers or a folder of them: the
+  # suite runs without.
+  cmake --preset "$preset" -DTESSEL_HELPERS_FAKE=OFF -DTESSEL_HELPERS_SOURCE= >/dev/null
   cmake --build --preset "$preset" -j "$(nproc)"
   echo "== $preset: tests"
   ctest --preset "$preset" -j "$(nproc)"
