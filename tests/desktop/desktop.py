@@ -123,7 +123,8 @@ class Desktop:
     None (a bare display: the program shows its popover as a window) or 'xfce'
     (xfwm4 and an xfce4-panel whose tray hosts the program's item)."""
 
-    def __init__(self, keyring='unlocked', sound=False, shell=None):
+    def __init__(self, keyring='unlocked', sound=False, shell=None, size='1280x800'):
+        self.size = size
         self.keyring = keyring
         self.sound = sound
         self.shell = shell
@@ -198,7 +199,7 @@ class Desktop:
 
     def _display(self):
         read, write = os.pipe()
-        self.spawn(['Xvfb', '-displayfd', str(write), '-screen', '0', '1280x800x24', '-nolisten', 'tcp'],
+        self.spawn(['Xvfb', '-displayfd', str(write), '-screen', '0', f'{self.size}x24', '-nolisten', 'tcp'],
                    'xvfb', pass_fds=(write,))
         os.close(write)
         with os.fdopen(read) as displays:
@@ -491,9 +492,10 @@ class DesktopTest(unittest.TestCase):
     keyring = 'unlocked'
     sound = False
     shell = None
+    size = '1280x800'
 
     def setUp(self):
-        self.desktop = Desktop(keyring=self.keyring, sound=self.sound, shell=self.shell).start()
+        self.desktop = Desktop(keyring=self.keyring, sound=self.sound, shell=self.shell, size=self.size).start()
         self.addCleanup(self.desktop.stop)
         self.addCleanup(self._keep_on_failure)
 

@@ -115,6 +115,7 @@ class Popover(OnXfce):
 
 class Call(OnXfce):
     sound = True
+    size = '1280x600'  # shorter than the popover of a call: its rows scroll
 
     def test_the_focus_stays_on_stop_through_five_uploads_and_the_keyboard_stops_the_call(self):
         d = self.desktop
@@ -150,6 +151,9 @@ class Call(OnXfce):
             time.sleep(0.5)
         self.assertEqual(left, [], 'the focus left Stop, to these')
         self.assertIn('Velmora', d.shown_windows())
+        _, top, _, height = popover.queryComponent().getExtents(screen.pyatspi.DESKTOP_COORDS)
+        self.assertLessEqual(top + height, 600, 'the popover runs off the screen')
+        self.assertTrue(screen.all('scroll bar', within=popover), 'the rows do not scroll')
         self.picture('listening-focus-on-stop')
 
         d.keys('space')
