@@ -346,12 +346,6 @@ class Desktop:
                            'org.freedesktop.Secret.Service.Lock', "['/org/freedesktop/secrets/collection/login']"])
         assert locked.returncode == 0, locked.stderr
 
-    def unlock_keyring(self):
-        # A second daemon started with --unlock hands the password to the running one.
-        unlocked = self.run(['gnome-keyring-daemon', '--unlock', '--components=secrets'],
-                            input=KEYRING_PASSWORD)
-        assert unlocked.returncode == 0, unlocked.stderr
-
     def keyring_locked(self):
         answer = self.run(['gdbus', 'call', '--session', '--dest', 'org.freedesktop.secrets', '--object-path',
                            '/org/freedesktop/secrets/collection/login', '--method',

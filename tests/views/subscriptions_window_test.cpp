@@ -161,9 +161,9 @@ TEST_F(SubscriptionsWindowTest, RefreshGetsItsFocusBack) {
     EXPECT_EQ(spokenName(refresh), u"Refresh"_s);
 }
 
-// A screen reader names every stop of Tab, and a badge by the provider's title.
 // Tab goes as a person reads: header, cards, sidebar, whatever came first.
-TEST_F(SubscriptionsWindowTest, EveryTabStopAndBadgeHasAName) {
+// (Names and badges as a screen reader gets them: tests/desktop.)
+TEST_F(SubscriptionsWindowTest, TabGoesAsAPersonReads) {
     build(true);
     read(readingOf({seat(u"mystery:x"_s, u"mystery"_s, u"x"_s, 5)}));
     SubscriptionsWindow window(*model, settings, {[](const QUrl&) {}, {}, {}});
@@ -174,11 +174,6 @@ TEST_F(SubscriptionsWindowTest, EveryTabStopAndBadgeHasAName) {
                     seat(u"mystery:x"_s, u"mystery"_s, u"x"_s, 5)})
              .replace(u"\"next\":{}"_s, u"\"next\":{\"operator\":\"claude:work\"}"_s));
     ASSERT_TRUE(eventually([&] { return labelWithText(&window, u"work"_s) != nullptr; }, 2));
-    const QList<QWidget*> stops = rowOrder(&window);
-    EXPECT_GE(stops.size(), 3);
-    for (QWidget* stop : stops) {
-        EXPECT_FALSE(spokenName(stop).isEmpty()) << stop->metaObject()->className();
-    }
     window.findChild<QToolButton*>()->setFocus(Qt::TabFocusReason);
     QStringList walk;
     for (int i = 0; i < 8; ++i) {
@@ -189,14 +184,6 @@ TEST_F(SubscriptionsWindowTest, EveryTabStopAndBadgeHasAName) {
     EXPECT_EQ(walk, QStringList({u"Refresh"_s, u"Operator"_s, u"Seat cards"_s, u"Switch here"_s,
                                  u"Usage"_s, u"Attention, coming up and spend order"_s,
                                  u"Edit roles…"_s, u"Refresh"_s}));
-    QStringList names;
-    for (auto* label : window.findChildren<QLabel*>()) {
-        if (label->text().size() == 1) {
-            names << spokenName(label);
-        }
-    }
-    EXPECT_TRUE(names.contains(u"Claude"_s)) << names.join(u", "_s).toStdString();
-    EXPECT_TRUE(names.contains(u"Other"_s)) << names.join(u", "_s).toStdString();
 }
 
 // A narrow card stacks its pills under the name instead of squeezing them; the

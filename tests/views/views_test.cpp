@@ -122,21 +122,6 @@ TEST(ViewsTest, OnlyAStopOutsideThePopoverOpensTheBrowser) {
     }
 }
 
-TEST(ViewsTest, CardColumnsAndBarColours) {
-    EXPECT_EQ(cardColumns(523.27), 1);
-    EXPECT_EQ(cardColumns(523.28), 2);
-    const QPalette palette;
-    const std::vector<std::pair<std::optional<double>, QColor>> bars{
-        {std::nullopt, palette.color(QPalette::PlaceholderText)},
-        {69.9, palette.color(QPalette::Highlight)},
-        {70, tintColor(MeterlyTint::orange, palette)},
-        {89.9, tintColor(MeterlyTint::orange, palette)},
-        {90, tintColor(MeterlyTint::red, palette)}};
-    for (const auto& [percent, colour] : bars) {
-        EXPECT_EQ(barColor(percent, palette), colour) << percent.value_or(-1);
-    }
-}
-
 TEST(ViewsTest, OrgMenuRowsEndWithAddAndSignOut) {
     const Org current{"alpha.example", QUrl("https://alpha.example"), "alpha"};
     const auto empty = OrgMenuItem::items({}, current);
